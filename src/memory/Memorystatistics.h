@@ -1,0 +1,73 @@
+// Accounts for the native memory of the library's records, nodes and maps, and refuses a charge
+// that would lift the total above a settable limit.
+//
+// What is charged: a fixed number of bytes per object, by its constructor, credited by its
+// destructor: `Index` 24, `Data` 32, `Buff` 32, `Env` 32, `Node` 48, `SkipList` 144. Containers,
+// control blocks and the accounting's own objects are not charged.
+//
+// Invariants
+//   (1) Every charge is credited exactly once; a refused charge leaves no trace.
+//   (2) The global total changes only in a sweep (getStatisInfo, at most one per 5000 ms) and by
+//       credits for which no thread record could be allocated. The limit judges each charge
+//       against that total, not against the live sum of all threads.
+//   (3) A credit never fails: it runs in destructors.
+// Threads: everything may be called from any thread. The members read without a lock are relaxed
+// atomics: each is a number of its own, and none guards other data.
+// Cost: a charge is one comparison and one uncontended lock; a sweep visits every thread's record.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "memory/Stats.h"
+
+// Raised when a charge would exceed the memory limit.
+class jni_bad_alloc : public std::bad_alloc {
+  public:
+    explicit jni_bad_alloc(std::string text);
+    const char* what() const noexcept override;
+
+  private:
+    std::string message;
+};
+
+class MemoryStat {
+  public:
+    static constexpr int infoLength = 7;
+
+    // Charges (delta > 0) or credits (delta < 0) the calling thread with `delta` bytes.
+    // Throws jni_bad_alloc above the limit and std::bad_alloc if a new thread's record cannot be
+    // made, with nothing recorded; for delta <= 0 it never throws.
+    static void statsMem(long long delta);
+
+    // Throws jni_bad_alloc if a charge of `delta` bytes would exceed the limit.
+    static void checkMem(long long delta);
+
+    // Sets the limit in bytes, unchecked; it applies from the next charge on.
+    static void setMaxMem(long long max);
+
+    // The statistics array, `infoLength` values: element 6 holds the bytes in use as of the last
+    // sweep, never below 0, the others are 0. Sweeps first if the last sweep is more than 5000 ms
+    // old.
+    static const std::atomic<long long>* getStatisInfo();
+
+    // True, and the time is noted, if more than 5000 ms have passed since the time last noted.
+    static bool checkAccessTm();
+
+    // Milliseconds of the system clock since its epoch.
+    static long long getTimeStamp();
+
+    static std::atomic<long long> memMax;
+    static std::atomic<long long> lastAccessTm;
+    static std::atomic<long long> info[infoLength];
+
+    // Built at load and never destroyed: at process exit other threads may still be inside the
+    // library, and their charges must not meet a destroyed registry.
+    static StatsMap& statsMap;
+    static std::shared_ptr<Stats>& globalStats;
+};
+
+// The calling thread's record; empty until its first charge.
+extern thread_local std::shared_ptr<Stats> thr_local_stats;

@@ -1,0 +1,82 @@
+#include "records/Data.h"
+
+#include <utility>
+
+#include "memory/Memorystatistics.h"
+#include "records/Wrapping.h"
+
+namespace {
+
+constexpr long long sectorOverhead = 8;  // bytes a file adds after every sector
+
+int advance(int offset, int skip, int sectorSize) {
+    // File offsets are 32 bits wide and wrap there.
+    return static_cast<int>(offset + Data::fileDistance(skip, sectorSize));
+}
+
+}  // namespace
+
+Data::Data(int typeFlag, int fileOffset, int major, int minor, unsigned char fileNumber)
+    : Data(typeFlag, fileOffset, major, minor, fileNumber, nullptr) {}
+
+Data::Data(int typeFlag, int fileOffset, int major, int minor, unsigned char fileNumber,
+           std::unique_ptr<Buff>&& buffer)
+    : type(typeFlag != 0),
+      number(fileNumber),
+      offset(fileOffset),
+      majorVer(major),
+      minorVer(minor),
+      buff(std::move(buffer)) {
+    MemoryStat::statsMem(charge);
+}
+
+Data::Data(const Data& src)
+    : Data(src.type ? 1 : 0, src.offset, src.majorVer, src.minorVer, src.number,
+           src.buff ? Buff::create(src.buff) : nullptr) {}
+
+Data::Data(const Data& src, int skip, int len, int sectorSize)
+    : Data(src.type ? 1 : 0, advance(src.offset, skip, sectorSize), src.majorVer, src.minorVer,
+           src.number, src.buff ? Buff::create(src.buff, skip, len) : nullptr) {}
+
+Data::~Data() {
+    buff.reset();
+    MemoryStat::statsMem(-charge);
+}
+
+std::unique_ptr<Data> Data::create(int type, int offset, int majorVer, int minorVer,
+                                   unsigned char number) {
+    return std::make_unique<Data>(type, offset, majorVer, minorVer, number);
+}
+
+std::unique_ptr<Data> Data::create(int type, int offset, int majorVer, int minorVer,
+                                   unsigned char number, std::unique_ptr<Buff>&& buff) {
+    return std::make_unique<Data>(type, offset, majorVer, minorVer, number, std::move(buff));
+}
+
+std::unique_ptr<Data> Data::create(const Data& src) {
+    return std::make_unique<Data>(src);
+}
+
+std::unique_ptr<Data> Data::createEmpty() {
+    return create(0, -1, -1, -1, 0);
+}
+
+std::unique_ptr<Data> Data::sliceData(const std::unique_ptr<Data>& src, int skip, int len,
+                                      int sectorSize) {
+    return std::make_unique<Data>(*src, skip, len, sectorSize);
+}
+
+long long Data::fileDistance(long long logical, int sectorSize) {
+    return wrapping::add(logical, wrapping::multiply(logical / sectorSize, sectorOverhead));
+}
+
+bool Data::equalsVer(std::unique_ptr<Data> other) const {
+    return majorVer == other->majorVer && minorVer == other->minorVer;
+}
+
+int Data::releaseBuff() {
+    if (!buff) return 0;
+    buff->release();
+    buff.reset();
+    return 1;
+}

@@ -1,0 +1,67 @@
+// Where the bytes of a stored range lie in a file, and optionally the Java buffer holding them.
+//
+// A file holds 8 bytes of its own after every sector of logical data, so a logical distance `d`
+// is a file distance of `d + d / sectorSize * 8`; `fileDistance` is the one place that says so.
+//
+// Ownership: owns its `Buff`. Copying or slicing gives the new record a `Buff` of its own.
+// Accounting: 32 bytes from any constructor to the destructor; a constructor throws jni_bad_alloc
+//   when that charge does not fit, and then a `Buff` already handed over is destroyed.
+// Threads: as its `Buff`; a record without one may be read by all.
+#pragma once
+
+#include <memory>
+
+#include "records/Buff.h"
+
+class Data {
+  public:
+    Data(int type, int offset, int majorVer, int minorVer, unsigned char number);
+    Data(int type, int offset, int majorVer, int minorVer, unsigned char number,
+         std::unique_ptr<Buff>&& buff);
+    Data(const Data& src);
+    // The location of the `len` bytes that begin `skip` bytes into src's range.
+    // REQUIRES: sectorSize != 0.
+    Data(const Data& src, int skip, int len, int sectorSize);
+    Data& operator=(const Data&) = delete;
+    ~Data();
+
+    static std::unique_ptr<Data> create(int type, int offset, int majorVer, int minorVer,
+                                        unsigned char number);
+    static std::unique_ptr<Data> create(int type, int offset, int majorVer, int minorVer,
+                                        unsigned char number, std::unique_ptr<Buff>&& buff);
+    static std::unique_ptr<Data> create(const Data& src);
+    static std::unique_ptr<Data> createEmpty();
+    static std::unique_ptr<Data> sliceData(const std::unique_ptr<Data>& src, int skip, int len,
+                                           int sectorSize);
+
+    // The distance in the file of two bytes `logical` bytes apart on the device. The sectors
+    // are truncated toward zero. REQUIRES: sectorSize != 0.
+    static long long fileDistance(long long logical, int sectorSize);
+
+    // True for memory type: the range was stored with a buffer, and is never fused.
+    bool getType() const { return type; }
+    bool isMemoryType() const { return type; }
+    int getNumber() const { return number; }
+    int getOffset() const { return offset; }
+    int getMajorVer() const { return majorVer; }
+    int getMinorVer() const { return minorVer; }
+    Buff* getBuff() { return buff.get(); }
+    bool hasBuff() const { return buff != nullptr; }
+
+    // True for a location that names no place in any file; type and number do not count.
+    bool isEmpty() const { return majorVer == -1 && minorVer == -1 && offset == -1; }
+    bool equalsVer(std::unique_ptr<Data> other) const;
+
+    // Gives the buffer back to Java; 1 if there was one, else 0.
+    int releaseBuff();
+
+    bool type;
+    unsigned char number;
+    int offset;
+    int majorVer;
+    int minorVer;
+    std::unique_ptr<Buff> buff;
+
+  private:
+    static constexpr int charge = 32;
+};

@@ -1,0 +1,23 @@
+#include "records/Index.h"
+
+#include "memory/Memorystatistics.h"
+
+Index::Index(long long startOffset, int length) : offset(startOffset), len(length) {
+    MemoryStat::statsMem(charge);
+}
+
+Index::Index(const Index& src) : Index(src.offset, src.len) {}
+
+Index::Index(Index&& src) : Index(src.offset, src.len) {}
+
+Index::~Index() {
+    MemoryStat::statsMem(-charge);
+}
+
+std::unique_ptr<Index> Index::create(long long offset, int len) {
+    return std::make_unique<Index>(offset, len);
+}
+
+std::unique_ptr<std::list<std::unique_ptr<Index>>> Index::createList() {
+    return std::make_unique<std::list<std::unique_ptr<Index>>>();
+}

@@ -1,0 +1,80 @@
+// One stored range of a map: its key, its file location and its links to the nodes after it.
+//
+// Invariants
+//   (1) `forward` has `level + 1` entries from construction until the map is destroyed.
+//   (2) A node that is linked in a map has its `index` and its `data`, always.
+// Ownership: a node owns both records and shares its successors. Nodes are held by the links of
+//   their map and by the arrays and lists of a running operation. A handle given to Java is the
+//   plain address and holds nothing.
+// Destruction: dropping the last reference to a node drops its successors from inside its
+//   destructor, and so on: never hold only the first of a chain of unlinked nodes. A list of nodes
+//   is safe, for it goes front to back and holds each successor while its predecessor dies.
+// Accounting: 48 bytes whatever the level, besides the two records.
+// Threads: none at the same time as a change; reference counts are atomic.
+#pragma once
+
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+#include "records/Data.h"
+#include "records/Index.h"
+
+class Node {
+  public:
+    // A per-level array and a list of nodes in key order.
+    using Arr = std::unique_ptr<std::vector<std::shared_ptr<Node>>>;
+    using List = std::unique_ptr<std::list<std::shared_ptr<Node>>>;
+
+    // Throws jni_bad_alloc or std::bad_alloc; records already moved in are destroyed with it.
+    Node(std::unique_ptr<Index>&& index, std::unique_ptr<Data>&& data, int level);
+    Node(const Node&) = delete;
+    Node& operator=(const Node&) = delete;
+    ~Node();
+
+    static std::shared_ptr<Node> create(std::unique_ptr<Index>&& index,
+                                        std::unique_ptr<Data>&& data, int level);
+
+    // `n` null references; throws std::bad_alloc if `n` is negative.
+    static Arr createArr(int n);
+    static void clearArr(int n, Arr arr);
+    static List createList();
+
+    // Entry `i` of a per-level array; throws std::out_of_range beyond its end.
+    static std::shared_ptr<Node>& at(std::vector<std::shared_ptr<Node>>& entries, int i) {
+        // A negative level becomes a huge position and is refused with the others.
+        const auto position = static_cast<std::size_t>(i);
+        if (position >= entries.size()) throwOutOfRange();
+        return entries[position];
+    }
+
+    long long getOffset() const { return index->getOffset(); }
+    int getLen() const { return index->getLen(); }
+    long long getEnd() const { return index->getEnd(); }
+    int getLevel() const { return level; }
+    bool getFileType() const { return data->getType(); }
+    int getFileOffset() const { return data->getOffset(); }
+    int getFileMajorVer() const { return data->getMajorVer(); }
+    int getFileMinorVer() const { return data->getMinorVer(); }
+    int getFileNumber() const { return data->getNumber(); }
+    Buff* getFileBuff() const { return data->getBuff(); }
+
+    // Gives the buffer back to Java; the node's length in bytes if there was one, else 0.
+    int releaseFileBuff();
+
+    // The successor at level `i`, in its place; nextNode is a reference of its own to that at 0.
+    std::shared_ptr<Node>& next(int i) const { return at(*forward, i); }
+    std::shared_ptr<Node> nextNode() const { return next(0); }
+
+    std::unique_ptr<Index> index;
+    std::unique_ptr<Data> data;
+    int level;
+    Arr forward;
+
+  private:
+    static constexpr int charge = 48;
+
+    [[noreturn]] static void throwOutOfRange();
+};
