@@ -1,0 +1,62 @@
+// A stand-in for the JVM: a function table of the ten functions that the library may call, with
+// Netty-like buffers. It counts references, fails on demand and notes what it was asked. A call of
+// any other function is a null pointer and so ends the test.
+#pragma once
+
+#include <jni.h>
+
+#include <deque>
+#include <string>
+#include <vector>
+
+class FakeJava {
+  public:
+    // A buffer and all slices of it share one count, as in Netty.
+    struct Memory {
+        int refCnt = 1;
+    };
+    struct ByteBuf {
+        Memory* memory;
+        int start;
+        int length;
+    };
+    // One attached thread.
+    struct Thread : JNIEnv {
+        FakeJava* java = nullptr;
+    };
+
+    FakeJava();
+
+    JNIEnv* env() { return &threads.front(); }
+    JNIEnv* otherEnv() { return &threads.back(); }
+
+    jobject newBuffer(int length);
+    static const ByteBuf& bufferOf(jobject reference) {
+        return *reinterpret_cast<ByteBuf*>(reference);
+    }
+
+    // The sum of the counts of all buffers beyond the one that each was made with.
+    int retained() const;
+    std::vector<jlong> takeArray();
+
+    // What there is, and what was done.
+    int globalRefs = 0;
+    int localRefs = 0;
+    int lookups = 0;
+    std::string thrownClass;
+    std::string thrownMessage;
+    JNIEnv* lastReleaser = nullptr;
+    std::deque<Memory> memories;
+    std::deque<ByteBuf> buffers;
+    std::vector<jlong> array;
+
+    // What fails.
+    std::string missing;      // a class, or a method with its signature
+    int failSliceAfter = -1;  // that many slices succeed, the next returns null
+    bool failGlobalRef = false;
+    bool failArray = false;
+
+  private:
+    JNINativeInterface_ functions{};
+    std::deque<Thread> threads;
+};

@@ -1,0 +1,67 @@
+// What a map must hold: the same rules over a plain sorted vector, searched from the front.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "skiplist/SkipList.h"
+#include "support/FakeJava.h"
+
+// One stored range with everything that can be seen of it.
+struct Stored {
+    long long offset;
+    int len;
+    bool type;
+    int number;
+    int fileOffset;
+    int majorVer;
+    int minorVer;
+    // The part of a Java buffer that it holds; no memory: none.
+    FakeJava::Memory* memory = nullptr;
+    int bufferStart = 0;
+    int bufferLength = 0;
+
+    long long end() const { return offset + len; }
+    bool isEmpty() const { return fileOffset == -1 && majorVer == -1 && minorVer == -1; }
+    bool operator==(const Stored&) const = default;
+};
+
+struct Snapshot {
+    std::vector<Stored> ranges;
+    long long validLen = 0;
+    int size = 0;
+    long long rawLen = 0;
+    int rawCount = 0;
+
+    bool operator==(const Snapshot&) const = default;
+};
+
+// For gtest's failure messages.
+std::ostream& operator<<(std::ostream& out, const Snapshot& snapshot);
+
+// Everything that can be seen of a map. Fails the test if the map's structure is not sound.
+Snapshot snapshotOf(const SkipList& map);
+
+class MapModel {
+  public:
+    explicit MapModel(int bytesPerSector) : sectorSize(bytesPerSector) {}
+
+    void insert(Stored range);
+    bool compareAndSet(const Stored& request, const Stored& target);
+    long long compareAndRelease(const Stored& request);
+    long long release();
+    void copyTo(MapModel& destination) const;
+
+    // The ranges that share a byte with the given one.
+    std::vector<Stored> find(long long offset, int len) const;
+
+    Snapshot state;
+
+  private:
+    bool connected(const Stored& a, const Stored& b) const;
+    bool sameFile(const Stored& a, const Stored& b) const;
+    Stored part(const Stored& source, long long start, long long end) const;
+    void place(const Stored& range);
+
+    int sectorSize;
+};
