@@ -1,22 +1,17 @@
 #include "jni/Guard.h"
 
-#include <cstdio>
 #include <exception>
 #include <new>
+
+#include "records/Diagnostics.h"
 
 namespace {
 
 constexpr const char* outOfMemoryError = "java/lang/OutOfMemoryError";
 constexpr const char* runtimeException = "java/lang/RuntimeException";
 
-template <typename... Parts>
-void writeLine(const char* format, Parts... parts) noexcept {
-    std::fprintf(stderr, format, parts...);
-    std::fflush(stderr);
-}
-
 Clause reportException(JNIEnv* env, const Texts& texts, const char* what) noexcept {
-    writeLine("%s exception, msg:%s%s", texts.method, what, texts.exceptionEnd);
+    writeDiagnostic("%s exception, msg:%s%s", texts.method, what, texts.exceptionEnd);
     raise(env, runtimeException, what);
     return Clause::exception;
 }
@@ -33,13 +28,13 @@ Clause reportCurrentException(JNIEnv* env, const Texts& texts) noexcept {
         throw;
     } catch (const std::bad_alloc& e) {
         if (!texts.hasBadAllocClause) return reportException(env, texts, e.what());
-        writeLine("%s bad_alloc, msg:%s", texts.method, e.what());
+        writeDiagnostic("%s bad_alloc, msg:%s", texts.method, e.what());
         raise(env, outOfMemoryError, e.what());
         return Clause::badAlloc;
     } catch (const std::exception& e) {
         return reportException(env, texts, e.what());
     } catch (...) {
-        writeLine("%s exception%s", texts.method, texts.unknownEnd);
+        writeDiagnostic("%s exception%s", texts.method, texts.unknownEnd);
         raise(env, runtimeException, "unknown exception");
         return Clause::unknown;
     }

@@ -10,13 +10,13 @@
 #include "stor_device_skiplist_JniSkipListNative.h"
 
 #include <array>
-#include <cstdio>
 #include <functional>
 #include <memory>
 
 #include "jni/Guard.h"
 #include "memory/Memorystatistics.h"
 #include "records/Buff.h"
+#include "records/Diagnostics.h"
 #include "skiplist/Node.h"
 #include "skiplist/SkipList.h"
 
@@ -36,8 +36,7 @@ constexpr Texts other(const char* method, const char* exceptionEnd = endsLine) {
 }
 
 jlong refuse(JNIEnv* env, const char* line, const char* message, jlong result) {
-    std::fputs(line, stderr);
-    std::fflush(stderr);
+    writeDiagnostic("%s", line);
     raise(env, "java/lang/RuntimeException", message);
     return result;
 }

@@ -1,17 +1,16 @@
 #include "records/Buff.h"
 
-#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
 #include "memory/Memorystatistics.h"
+#include "records/Diagnostics.h"
 
 namespace {
 
 [[noreturn]] void fail(const std::string& message) {
-    std::fprintf(stderr, "%s \n", message.c_str());
-    std::fflush(stderr);
+    writeDiagnostic("%s \n", message.c_str());
     throw std::runtime_error(message);
 }
 

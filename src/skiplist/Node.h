@@ -29,7 +29,7 @@ class Node {
     using List = std::unique_ptr<std::list<std::shared_ptr<Node>>>;
 
     // Throws jni_bad_alloc or std::bad_alloc; records already moved in are destroyed with it.
-    Node(std::unique_ptr<Index>&& index, std::unique_ptr<Data>&& data, int level);
+    Node(std::unique_ptr<Index>&& range, std::unique_ptr<Data>&& location, int topLevel);
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
     ~Node();

@@ -36,8 +36,8 @@
 
 class SkipList {
   public:
-    // REQUIRES: height >= 1, sectorSize >= 1 (bytes). Throws jni_bad_alloc or std::bad_alloc.
-    SkipList(std::shared_ptr<Env>& env, int height, int sectorSize);
+    // REQUIRES: height >= 1, bytesPerSector >= 1. Throws jni_bad_alloc or std::bad_alloc.
+    SkipList(std::shared_ptr<Env>& sharedEnv, int height, int bytesPerSector);
     SkipList(const SkipList&) = delete;
     SkipList& operator=(const SkipList&) = delete;
     ~SkipList();
