@@ -40,21 +40,25 @@ import io.netty.buffer.ByteBuf;
  *
  * <h2>Buffers</h2>
  *
- * <p>A map holds a retained slice of its own for each buffered range. What that does to the
- * reference count of the caller's buffer:
+ * <p>A map holds a retained slice of its own for each buffered range, and so keeps the caller's
+ * buffer from being freed. What it retains and gives back:
  *
  * <table>
  * <caption>Buffer ownership</caption>
- * <tr><th>operation</th><th>reference count</th></tr>
- * <tr><td>{@link #insertWithBuff}</td><td>one more, for the slice; the caller keeps its own</td>
- * </tr>
- * <tr><td>a range is cut</td><td>one more for each piece left, one less for the range</td></tr>
- * <tr><td>a range is replaced or dropped</td><td>one less</td></tr>
- * <tr><td>{@link #compareAndRelease}, {@link #release}</td><td>one less for each range</td></tr>
- * <tr><td>{@link #copySkipList}</td><td>one more for each range copied, held by the
+ * <tr><th>operation</th><th>slices</th></tr>
+ * <tr><td>{@link #insertWithBuff}</td><td>retains one of the caller's buffer, who keeps his own
+ * reference</td></tr>
+ * <tr><td>a range is cut</td><td>retains a slice of its slice for each piece left, then gives its
+ * own back</td></tr>
+ * <tr><td>a range is replaced or dropped</td><td>gives its slice back</td></tr>
+ * <tr><td>{@link #compareAndRelease}, {@link #release}</td><td>give the slice of each range
+ * back</td></tr>
+ * <tr><td>{@link #copySkipList}</td><td>retains a slice of the slice of each range, for the
  * destination</td></tr>
- * <tr><td>{@link #destorySkipList}</td><td>one less for each range still buffered</td></tr>
- * <tr><td>{@link #getNodeFileBuff}</td><td>unchanged: the result is borrowed</td></tr>
+ * <tr><td>{@link #destorySkipList}</td><td>gives all slices back</td></tr>
+ * <tr><td>{@link #getNodeFileBuff}</td><td>none: the result is borrowed</td></tr>
+ * <tr><td>any of them, failing</td><td>gives back what it has retained, but for a slice that the
+ * memory limit refuses: that one is lost, and its buffer is never freed</td></tr>
  * </table>
  *
  * <h2>Threads</h2>
@@ -78,10 +82,11 @@ import io.netty.buffer.ByteBuf;
  *
  * <p>Every failure is written to the standard error stream as one text and thrown as a new
  * exception: {@link OutOfMemoryError} when native memory or its limit (see {@link #init}) is
- * exhausted in a method that says so, {@link RuntimeException} otherwise, {@link ByteBuf} failures
- * among them. When a {@code ByteBuf} method itself throws, that exception may be what the caller
- * sees. Nothing is rolled back, but an operation that inserts one range and fails leaves the map
- * as it was, and the map stays usable after any failure.
+ * exhausted in a method that says so, {@link RuntimeException} otherwise, that of a {@code ByteBuf}
+ * that cannot be sliced among them. Nothing is rolled back, but an insert that fails leaves the map
+ * as it was, and the map stays usable after any failure. A buffer that throws when it is given back
+ * (because someone has released the map's slice) does not stop the operation: that is completed,
+ * and the buffer's exception is thrown after it.
  *
  * <h2>Loading</h2>
  *
