@@ -148,8 +148,7 @@ struct Walks {
     static void run(benchmark::State& state, Case& measured) {
         const Workload& workload = measured.workload();
         const auto map = filledMap<Map>(workload.setUp);
-        for (auto _ : state)
-            serveTimed(state, *map, workload.timed);
+        for (auto _ : state) serveTimed(state, *map, workload.timed);
         report(state, workload.timed.size(), measured.ranges());
     }
 };

@@ -38,8 +38,7 @@ void StdRangeMap::insert(const Range& range) {
         }
     }
     Node place = claimStart(range, next);
-    while (next != tree.end() && endOf(next) <= range.end())
-        next = tree.erase(next);
+    while (next != tree.end() && endOf(next) <= range.end()) next = tree.erase(next);
     place = claimEnd(range, next, place);
     if (place == tree.end()) {
         tree.emplace_hint(next, range.offset, Entry{range.len, range.location});
@@ -116,15 +115,13 @@ unsigned long long StdRangeMap::walk(long long offset, int len) const {
     auto node = tree.upper_bound(offset);
     if (node != tree.begin() && endOf(std::prev(node)) > offset) --node;
     unsigned long long sum = 0;
-    for (; node != tree.end() && node->first < end; ++node)
-        sum += digest(rangeOf(node));
+    for (; node != tree.end() && node->first < end; ++node) sum += digest(rangeOf(node));
     return sum;
 }
 
 std::vector<Range> StdRangeMap::ranges() const {
     std::vector<Range> all;
     all.reserve(tree.size());
-    for (auto node = tree.begin(); node != tree.end(); ++node)
-        all.push_back(rangeOf(node));
+    for (auto node = tree.begin(); node != tree.end(); ++node) all.push_back(rangeOf(node));
     return all;
 }

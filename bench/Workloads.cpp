@@ -74,7 +74,6 @@ Operations walkRandomly(int count) {
     Operations operations;
     operations.reserve(static_cast<std::size_t>(count));
     RandomRanges ranges(3, count);
-    for (int i = 0; i < count; ++i)
-        operations.push_back({Operation::Kind::walk, ranges.next()});
+    for (int i = 0; i < count; ++i) operations.push_back({Operation::Kind::walk, ranges.next()});
     return operations;
 }

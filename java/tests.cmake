@@ -21,6 +21,7 @@ add_jar(skiplist-java-tests
     ${tests}/skiplist/LeakHunt.java
     ${tests}/skiplist/LibraryLoadingTest.java
     ${tests}/skiplist/LimitsTest.java
+    ${tests}/skiplist/LongRangesTest.java
     ${tests}/skiplist/RandomComparisonTest.java
     ${tests}/skiplist/RandomOperations.java
     ${tests}/skiplist/StackDepthTest.java

@@ -61,8 +61,7 @@ TEST_F(Conditional, CopiedBufferIsGivenBackThroughTheDestinationsEnvironment) {
 }
 
 TEST_F(Conditional, MapCopiedIntoItselfStaysAsItIs) {
-    for (int i = 0; i < 20; ++i)
-        map.insert(inFile(i * 10LL, 10, i * 10 + i % 3));
+    for (int i = 0; i < 20; ++i) map.insert(inFile(i * 10LL, 10, i * 10 + i % 3));
     map.insertBuffered(inFile(500, 100, 0));
     const Snapshot before = snapshotOf(*map);
     map->copyTo(&*map);

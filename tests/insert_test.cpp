@@ -30,8 +30,7 @@ class Insert : public testing::Test {
 using Ranges = std::vector<Stored>;
 
 TEST_F(Insert, SequentialWritesToOneFileStayOneRange) {
-    for (int i = 0; i < 100; ++i)
-        map.insert(inFile(i * 512LL, 512, i * 520));
+    for (int i = 0; i < 100; ++i) map.insert(inFile(i * 512LL, 512, i * 520));
     EXPECT_EQ(ranges(), (Ranges{inFile(0, 51200, 0)}));
     EXPECT_EQ(map->rawCount, 100);
     EXPECT_EQ(map->rawLen, 51200);

@@ -51,8 +51,7 @@ TEST_F(Memory, SweepsAreFiveSecondsApart) {
     EXPECT_EQ(MemoryStat::getStatisInfo()[6], swept);
     MemoryStat::lastAccessTm = MemoryStat::getTimeStamp() - 5001;
     EXPECT_EQ(MemoryStat::getStatisInfo()[6], swept + 24);
-    for (int i = 0; i < 6; ++i)
-        EXPECT_EQ(MemoryStat::getStatisInfo()[i], 0);
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(MemoryStat::getStatisInfo()[i], 0);
 }
 
 TEST_F(Memory, NegativeTotalReadsAsZero) {

@@ -8,37 +8,13 @@
 
 #include "jni/Guard.h"
 #include "memory/Memorystatistics.h"
-#include "stor_device_skiplist_JniSkipListNative.h"
 #include "support/Faults.h"
+#include "support/Native.h"
 #include "support/TestMap.h"
 
 namespace {
 
-constexpr auto init = Java_stor_device_skiplist_JniSkipListNative_init;
-constexpr auto createSkipList = Java_stor_device_skiplist_JniSkipListNative_createSkipList;
-constexpr auto destorySkipList = Java_stor_device_skiplist_JniSkipListNative_destorySkipList;
-constexpr auto insert = Java_stor_device_skiplist_JniSkipListNative_insert;
-constexpr auto insertWithBuff = Java_stor_device_skiplist_JniSkipListNative_insertWithBuff;
-constexpr auto compareAndSet = Java_stor_device_skiplist_JniSkipListNative_compareAndSet;
-constexpr auto compareAndRelease = Java_stor_device_skiplist_JniSkipListNative_compareAndRelease;
-constexpr auto release = Java_stor_device_skiplist_JniSkipListNative_release;
-constexpr auto copySkipList = Java_stor_device_skiplist_JniSkipListNative_copySkipList;
-constexpr auto nextNode = Java_stor_device_skiplist_JniSkipListNative_nextNode;
-constexpr auto getNodeIndexOffset = Java_stor_device_skiplist_JniSkipListNative_getNodeIndexOffset;
-constexpr auto getNodeIndexLen = Java_stor_device_skiplist_JniSkipListNative_getNodeIndexLen;
-constexpr auto getNodeFileType = Java_stor_device_skiplist_JniSkipListNative_getNodeFileType;
-constexpr auto getNodeFileOffset = Java_stor_device_skiplist_JniSkipListNative_getNodeFileOffset;
-constexpr auto getMajorVer = Java_stor_device_skiplist_JniSkipListNative_getNodeFileMajorVer;
-constexpr auto getMinorVer = Java_stor_device_skiplist_JniSkipListNative_getNodeFileMinorVer;
-constexpr auto getNodeFileNumber = Java_stor_device_skiplist_JniSkipListNative_getNodeFileNumber;
-constexpr auto getNodeFileBuff = Java_stor_device_skiplist_JniSkipListNative_getNodeFileBuff;
-constexpr auto getValidLen = Java_stor_device_skiplist_JniSkipListNative_getSkipListValidLen;
-constexpr auto getRawLen = Java_stor_device_skiplist_JniSkipListNative_getSkipLIstRawLen;
-constexpr auto getRawCount = Java_stor_device_skiplist_JniSkipListNative_getSkipListRawCount;
-constexpr auto getSize = Java_stor_device_skiplist_JniSkipListNative_getSkipListSize;
-constexpr auto getStats = Java_stor_device_skiplist_JniSkipListNative_getStats;
-constexpr auto getNodes = Java_stor_device_skiplist_JniSkipListNative_getNodes;
-constexpr auto getAllNodes = Java_stor_device_skiplist_JniSkipListNative_getAllNodes;
+using namespace native;
 
 constexpr const char* outOfMemoryError = "java/lang/OutOfMemoryError";
 constexpr const char* runtimeException = "java/lang/RuntimeException";

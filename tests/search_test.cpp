@@ -37,8 +37,7 @@ TEST(Search, NewMapIsEmptyAtEveryLevel) {
         map->findAll(first, last);
         EXPECT_EQ(first, map->tail);
         EXPECT_EQ(last, map->tail);
-        for (int i = 0; i < 4; ++i)
-            EXPECT_EQ(map->head->next(i), map->tail);
+        for (int i = 0; i < 4; ++i) EXPECT_EQ(map->head->next(i), map->tail);
         EXPECT_EQ(map->findEqualGreater(0), map->tail);
         EXPECT_EQ(snapshotOf(*map), Snapshot());
     }
@@ -48,8 +47,7 @@ TEST(Search, NewMapIsEmptyAtEveryLevel) {
 TEST(Search, FindsTheRangeThatHoldsAKeyOrTheNextOne) {
     FakeJava java;
     TestMap map(java);
-    for (const long long start : {0, 200, 300})
-        map.insert(inFile(start, 100, 5));
+    for (const long long start : {0, 200, 300}) map.insert(inFile(start, 100, 5));
     const std::map<long long, long long> startByKey{{-5, 0},    {99, 0},    {100, 200},
                                                     {150, 200}, {300, 300}, {399, 300}};
     for (const auto& [key, start] : startByKey) {
@@ -96,8 +94,7 @@ TEST(Search, ShortAndLongRunsAgreeWithAScan) {
         const auto offset = static_cast<long long>(random() % 3100) - 50;
         const int len = static_cast<int>(random() % (i % 2 == 0 ? 40 : 3000));
         Starts expected;
-        for (const Stored& each : model.find(offset, len))
-            expected.push_back(each.offset);
+        for (const Stored& each : model.find(offset, len)) expected.push_back(each.offset);
         ASSERT_EQ(runOf(*map, offset, len), expected) << offset << " +" << len;
     }
 }
@@ -112,8 +109,7 @@ TEST(Search, LevelsComeFromTwoStepsOfTheEnginePerDraw) {
 
     TestMap map(java, 512, 3);
     std::map<int, int> counts;
-    for (int i = 0; i < 16000; ++i)
-        ++counts[map->randLevel()];
+    for (int i = 0; i < 16000; ++i) ++counts[map->randLevel()];
     EXPECT_EQ(counts.size(), 3U);
     EXPECT_NEAR(counts[0], 12000, 300);
     EXPECT_NEAR(counts[1], 3000, 300);

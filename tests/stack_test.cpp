@@ -8,54 +8,59 @@ namespace {
 
 constexpr int many = 300'000;
 
-// Touching ranges of 10 bytes that do not fuse.
-void fillApart(TestMap& map, int first, int last) {
-    for (int i = first; i < last; ++i)
-        map.insert(inFile(i * 10LL, 10, 0, i % 2));
-}
+// A map of one level: at each further one a link would hold its nodes, and cut a chain of
+// destructions short.
+class Flat : public TestMap {
+  public:
+    explicit Flat(FakeJava& fake) : TestMap(fake, 1 << 30, 1) {}
+
+    // Touching ranges of 10 bytes in `files` files in turn, those of one file in sequence. From the
+    // last to the first: so the place of each is found at once.
+    void fill(int first, int last, int files) {
+        for (int i = last - 1; i >= first; --i) {
+            insert(inFile(i * 10LL, 10, i * 10, 1, 2, i % files));
+        }
+    }
+};
 
 TEST(SmallStack, InsertReplacesManyRangesAndFusesWithBothNeighbours) {
     onSmallStack([] {
         FakeJava java;
-        TestMap map(java, 1 << 30, 12);
-        map.insert(inFile(0, 10, 0, 7));
-        fillApart(map, 1, many);
+        Flat map(java);
         map.insert(inFile(many * 10LL, 10, many * 10, 7));
+        map.fill(1, many, 2);
+        map.insert(inFile(0, 10, 0, 7));
+        ASSERT_EQ(map->size, many + 1);
         map.insert(inFile(10, (many - 1) * 10, 10, 7));
         EXPECT_EQ(map->size, 1);
         EXPECT_EQ(map->validLen, (many + 1) * 10LL);
     });
 }
 
-TEST(SmallStack, RedirectedRangesFusePieceByPiece) {
+TEST(SmallStack, RedirectedRangesFusePieceByPieceWithBothNeighbours) {
     onSmallStack([] {
         FakeJava java;
-        TestMap map(java, 1 << 30, 12);
-        map.insert(inFile(0, 10, 0, 7));
-        // All in one place per version, so that a redirected one continues the one before it.
-        for (int i = 1; i < many; ++i)
-            map.insert(inFile(i * 10LL, 10, i * 10, 5 + i % 2));
-        EXPECT_EQ(map->size, many);
-        for (const int version : {5, 6}) {
-            EXPECT_TRUE(
-                map.compareAndSet(inFile(10, (many - 1) * 10, 10, version), inFile(0, 0, 10, 7)));
-        }
+        Flat map(java);
+        map.fill(0, 2 * many, 2);
+        ASSERT_EQ(map->size, 2 * many);
+        EXPECT_TRUE(
+            map.compareAndSet(inFile(0, 2 * many * 10, 0, 1, 2, 1), inFile(0, 0, 0, 1, 2, 0)));
         EXPECT_EQ(map->size, 1);
+        EXPECT_EQ(map->rawCount, 3 * many);
     });
 }
 
-TEST(SmallStack, MillionRangesAreCopiedOverAndDestroyed) {
+TEST(SmallStack, MillionRangesAreDroppedByACopyAndByTheEndOfTheirMap) {
     onSmallStack([] {
         FakeJava java;
-        TestMap source(java, 512, 12);
+        Flat source(java);
         source.insert(inFile(0, 10'000'000, 0, 9));
-        TestMap map(java, 512, 12);
-        fillApart(map, 0, 1'000'000);
-        TestMap copy(java, 512, 12);
-        map->copyTo(&*copy);
-        EXPECT_EQ(copy->size, 1'000'000);
+        Flat map(java);
+        map.fill(0, 1'000'000, 2);
         source->copyTo(&*map);
         EXPECT_EQ(map->size, 1);
+        Flat destroyed(java);
+        destroyed.fill(0, 1'000'000, 2);
     });
 }
 

@@ -51,10 +51,8 @@ TEST(Threads, OwnMapsSharedMapSweepsAndLimitChangesBalance) {
                 }
             });
         }
-        for (int i = 0; i < 200; ++i)
-            std::thread([] { const Index index(0, 1); }).join();
-        for (std::thread& worker : workers)
-            worker.join();
+        for (int i = 0; i < 200; ++i) std::thread([] { const Index index(0, 1); }).join();
+        for (std::thread& worker : workers) worker.join();
         done = true;
         sweeper.join();
     }

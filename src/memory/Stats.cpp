@@ -56,8 +56,7 @@ std::shared_ptr<Stats> StatsMap::find(std::thread::id id) {
 void StatsMap::clone(std::vector<std::shared_ptr<Stats>>& out) {
     const std::lock_guard lock(mutex);
     out.reserve(out.size() + map.size());
-    for (const auto& entry : map)
-        out.push_back(entry.second);
+    for (const auto& entry : map) out.push_back(entry.second);
 }
 
 void StatsMap::clean(const std::vector<std::shared_ptr<Stats>>& retired) {

@@ -89,6 +89,7 @@ Buff::Buff(std::shared_ptr<Env>& sharedEnv, jobject const& byteBuf) : env(shared
     const jmethodID method = m_jmethod_byte_buf_retained_slice;
     requireInitialized(method, "Buff::Buff", wholeSlice);
     adopt(env->jniEnv->CallObjectMethod(byteBuf, method), wholeSlice);
+    MemoryStat::statsMem(charge);
 }
 
 Buff::Buff(std::shared_ptr<Env>& sharedEnv, jobject const& byteBuf, int index, int length)
@@ -96,16 +97,23 @@ Buff::Buff(std::shared_ptr<Env>& sharedEnv, jobject const& byteBuf, int index, i
     const jmethodID method = m_jmethod_byte_buf_retained_slice_params;
     requireInitialized(method, "Buff::Buff", partSlice);
     adopt(env->jniEnv->CallObjectMethod(byteBuf, method, index, length), partSlice);
+    MemoryStat::statsMem(charge);
 }
 
 Buff::Buff(Buff const& src) : env(src.env) {
-    adopt(env->jniEnv->CallObjectMethod(src.buff, m_jmethod_byte_buf_retained_slice), wholeSlice);
+    if (src.buff != nullptr) {
+        const jmethodID method = m_jmethod_byte_buf_retained_slice;
+        adopt(env->jniEnv->CallObjectMethod(src.buff, method), wholeSlice);
+    }
+    MemoryStat::statsMem(charge);
 }
 
 Buff::Buff(Buff const& src, int index, int length) : env(src.env) {
-    adopt(env->jniEnv->CallObjectMethod(src.buff, m_jmethod_byte_buf_retained_slice_params, index,
-                                        length),
-          partSlice);
+    if (src.buff != nullptr) {
+        const jmethodID method = m_jmethod_byte_buf_retained_slice_params;
+        adopt(env->jniEnv->CallObjectMethod(src.buff, method, index, length), partSlice);
+    }
+    MemoryStat::statsMem(charge);
 }
 
 Buff::~Buff() {
@@ -132,6 +140,7 @@ void Buff::adopt(jobject slice, const char* method) {
     }
     JNIEnv* const jniEnv = env->jniEnv;
     buff = jniEnv->NewGlobalRef(slice);
+    // Without a reference to keep, nobody could give the slice back later.
+    if (buff == nullptr) jniEnv->CallObjectMethod(slice, m_jmethod_byte_buf_release);
     jniEnv->DeleteLocalRef(slice);
-    MemoryStat::statsMem(charge);
 }

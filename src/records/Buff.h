@@ -14,6 +14,8 @@
 // Failure: a failing Java call is written to standard error and thrown as std::runtime_error; a
 //   Java exception that it raised stays pending. If the charge of a new `Buff` is refused, its
 //   global reference is not given back: giving back would call Java in the middle of a failure.
+//   If the JVM has no memory for a global reference, the handle is made without a slice and reads
+//   as given back.
 #pragma once
 
 #include <jni.h>
@@ -46,7 +48,7 @@ class Buff {
     static std::unique_ptr<Buff> create(std::shared_ptr<Env> env, jobject const& byteBuf, int index,
                                         int length);
     // A handle of its own on a retained slice of src's slice.
-    // REQUIRES: `src` is not null and not released.
+    // REQUIRES: `src` is not null. A copy of a handle without a slice has none either.
     static std::unique_ptr<Buff> create(std::unique_ptr<Buff> const& src);
     static std::unique_ptr<Buff> create(std::unique_ptr<Buff> const& src, int index, int length);
 

@@ -31,8 +31,7 @@ Node::Arr Node::createArr(int n) {
 }
 
 void Node::clearArr(int n, Arr arr) {
-    for (int i = 0; i < n; ++i)
-        at(*arr, i).reset();
+    for (int i = 0; i < n; ++i) at(*arr, i).reset();
 }
 
 Node::List Node::createList() {

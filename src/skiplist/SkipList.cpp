@@ -39,8 +39,7 @@ bool isLength(long long length) {
 
 long long summedLength(const Node::List& nodes) {
     long long sum = 0;
-    for (const auto& node : *nodes)
-        sum += node->getLen();
+    for (const auto& node : *nodes) sum += node->getLen();
     return sum;
 }
 
@@ -57,8 +56,7 @@ SkipList::SkipList(std::shared_ptr<Env>& sharedEnv, int height, int bytesPerSect
       sectorSize(bytesPerSector),
       head(createSentinel(firstPosition, maxLevel)),
       tail(createSentinel(lastPosition, maxLevel)) {
-    for (int i = maxLevel; i >= 0; --i)
-        head->next(i) = tail;
+    for (int i = maxLevel; i >= 0; --i) head->next(i) = tail;
     // Last: what follows a charge must not fail, for a map that is not built credits nothing.
     MemoryStat::statsMem(charge);
 }
@@ -149,8 +147,7 @@ void SkipList::findRange(long long offset, int len, Node::Arr& predecessors, Nod
     for (const auto* node = &(*x)->next(0); *node != tail && (*node)->getOffset() < end;
          node = &(*node)->next(0)) {
         overlapped->push_back(*node);
-        for (int i = 0; i <= (*node)->level; ++i)
-            Node::at(*successors, i) = (*node)->next(i);
+        for (int i = 0; i <= (*node)->level; ++i) Node::at(*successors, i) = (*node)->next(i);
     }
 }
 
@@ -385,8 +382,7 @@ std::shared_ptr<Node> SkipList::cut(const Node& source, long long start, long lo
 
 // Appends a node and links those before it to it.
 Node& SkipList::append(Node::List& newNodes, std::shared_ptr<Node> node) const {
-    for (auto& earlier : *newNodes)
-        link(earlier, node);
+    for (auto& earlier : *newNodes) link(earlier, node);
     newNodes->push_back(std::move(node));
     return *newNodes->back();
 }
@@ -400,8 +396,7 @@ void SkipList::countReplaced(const Node::List& overlapped, const Node::List& new
 int SkipList::randLevel() {
     int level = 0;
     // The draw comes before the test of the cap: a call that reaches it has drawn once more.
-    while ((*distribution)(*engine) < promotionProbability && level < maxLevel)
-        ++level;
+    while ((*distribution)(*engine) < promotionProbability && level < maxLevel) ++level;
     return level;
 }
 

@@ -13,23 +13,14 @@
 #include <memory>
 #include <optional>
 
-#include "jni/Guard.h"
 #include "records/Buff.h"
-#include "stor_device_skiplist_JniSkipListNative.h"
 #include "support/Faults.h"
 #include "support/MapModel.h"
+#include "support/Native.h"
 
 namespace {
 
-constexpr auto create = Java_stor_device_skiplist_JniSkipListNative_createSkipList;
-constexpr auto destroy = Java_stor_device_skiplist_JniSkipListNative_destorySkipList;
-constexpr auto insert = Java_stor_device_skiplist_JniSkipListNative_insert;
-constexpr auto insertWithBuff = Java_stor_device_skiplist_JniSkipListNative_insertWithBuff;
-constexpr auto compareAndSet = Java_stor_device_skiplist_JniSkipListNative_compareAndSet;
-constexpr auto compareAndRelease = Java_stor_device_skiplist_JniSkipListNative_compareAndRelease;
-constexpr auto release = Java_stor_device_skiplist_JniSkipListNative_release;
-constexpr auto copySkipList = Java_stor_device_skiplist_JniSkipListNative_copySkipList;
-constexpr auto getNodes = Java_stor_device_skiplist_JniSkipListNative_getNodes;
+using namespace native;
 
 void require(bool holds, const char* what) {
     if (holds) return;
@@ -46,10 +37,8 @@ class Session {
     }
 
     void run() {
-        while (input.remaining_bytes() > 0)
-            step();
-        for (auto& map : maps)
-            map.reset();
+        while (input.remaining_bytes() > 0) step();
+        for (auto& map : maps) map.reset();
         require(java.localRefs == 0, "local references left");
         require(java.globalRefs == lostReferences, "global references left");
         require(java.retained() == lostReferences, "buffers left");
@@ -59,12 +48,12 @@ class Session {
     struct Map {
         explicit Map(Session& owner)
             : session(owner),
-              handle(create(owner.java.env(), nullptr, owner.input.ConsumeIntegralInRange(1, 6),
-                            owner.sectorSize)),
+              handle(createSkipList(owner.java.env(), nullptr,
+                                    owner.input.ConsumeIntegralInRange(1, 6), owner.sectorSize)),
               model(owner.sectorSize) {
             list().engine->seed(owner.input.ConsumeIntegral<unsigned char>());
         }
-        ~Map() { destroy(session.java.env(), nullptr, handle); }
+        ~Map() { destorySkipList(session.java.env(), nullptr, handle); }
 
         SkipList& list() const { return *SkipList::getSkipList(handle, nullptr); }
         void requireEqualToModel() const {

@@ -78,8 +78,9 @@ jobject callObjectMethodV(JNIEnv* env, jobject object, jmethodID method, va_list
 }
 
 jobject newGlobalRef(JNIEnv* env, jobject object) {
-    if (javaOf(env).failGlobalRef) return nullptr;
-    ++javaOf(env).globalRefs;
+    FakeJava& java = javaOf(env);
+    if (java.failGlobalRefAfter >= 0 && java.failGlobalRefAfter-- == 0) return nullptr;
+    ++java.globalRefs;
     return object;
 }
 
@@ -129,6 +130,7 @@ FakeJava::FakeJava() : threads(2) {
 }
 
 jobject FakeJava::newBuffer(int length) {
+    const faults::Pause pause;
     memories.emplace_back();
     buffers.push_back({&memories.back(), 0, length});
     return reinterpret_cast<jobject>(&buffers.back());
@@ -136,8 +138,7 @@ jobject FakeJava::newBuffer(int length) {
 
 int FakeJava::retained() const {
     int sum = 0;
-    for (const Memory& memory : memories)
-        sum += memory.refCnt - 1;
+    for (const Memory& memory : memories) sum += memory.refCnt - 1;
     return sum;
 }
 

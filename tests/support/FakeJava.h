@@ -51,9 +51,9 @@ class FakeJava {
     std::vector<jlong> array;
 
     // What fails.
-    std::string missing;      // a class, or a method with its signature
-    int failSliceAfter = -1;  // that many slices succeed, the next returns null
-    bool failGlobalRef = false;
+    std::string missing;          // a class, or a method with its signature
+    int failSliceAfter = -1;      // that many slices succeed, the next returns null
+    int failGlobalRefAfter = -1;  // likewise
     bool failArray = false;
 
   private:

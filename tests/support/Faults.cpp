@@ -76,8 +76,7 @@ long long chargedBytes() {
     std::vector<std::shared_ptr<Stats>> records;
     MemoryStat::statsMap.clone(records);
     long long sum = MemoryStat::globalStats->count;
-    for (const auto& record : records)
-        sum += record->count;
+    for (const auto& record : records) sum += record->count;
     return sum;
 }
 

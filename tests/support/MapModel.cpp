@@ -14,7 +14,8 @@ Stored storedOf(const Node& node) {
     Stored range{node.getOffset(),      node.getLen(),        node.getFileType(),
                  node.getFileNumber(),  node.getFileOffset(), node.getFileMajorVer(),
                  node.getFileMinorVer()};
-    if (const Buff* const buff = node.getFileBuff()) {
+    const Buff* const buff = node.getFileBuff();
+    if (buff != nullptr && buff->getBuff() != nullptr) {
         const FakeJava::ByteBuf& buffer = FakeJava::bufferOf(buff->getBuff());
         range.memory = buffer.memory;
         range.bufferStart = buffer.start;
@@ -39,8 +40,7 @@ void checkScratch(const SkipList& map, const Node::Arr& scratch) {
     for (const auto& entry : *scratch) {
         if (!entry || entry == map.head || entry == map.tail) continue;
         const Node* node = map.head->next(0).get();
-        while (node != map.tail.get() && node != entry.get())
-            node = node->next(0).get();
+        while (node != map.tail.get() && node != entry.get()) node = node->next(0).get();
         ASSERT_EQ(node, entry.get()) << "a scratch entry holds a node that has left the map";
     }
 }
@@ -69,8 +69,7 @@ Snapshot snapshotOf(const SkipList& map) {
         if (node->data == nullptr) break;
         snapshot.ranges.push_back(storedOf(*node));
     }
-    for (int level = 0; level <= map.maxLevel; ++level)
-        checkLevel(map, level);
+    for (int level = 0; level <= map.maxLevel; ++level) checkLevel(map, level);
     checkScratch(map, map.prevArr);
     checkScratch(map, map.nextArr);
     return snapshot;
@@ -98,8 +97,7 @@ void MapModel::insert(Stored range) {
 void MapModel::place(const Stored& range) {
     const std::vector<Stored> hit = find(range.offset, range.len);
     long long hitLen = 0;
-    for (const Stored& each : hit)
-        hitLen += each.len;
+    for (const Stored& each : hit) hitLen += each.len;
 
     std::vector<Stored> pieces;
     Stored whole = range;
@@ -135,16 +133,17 @@ void MapModel::place(const Stored& range) {
     state.validLen += covered;
 }
 
-bool MapModel::compareAndSet(const Stored& request, const Stored& target) {
+bool MapModel::compareAndSet(const Stored& request, const Stored& target, std::size_t limit) {
     std::vector<Stored> pieces;
     for (const Stored& each : find(request.offset, request.len)) {
         if (!connected(each, request)) continue;
         const long long start = std::max(each.offset, request.offset);
         pieces.push_back(part(target, start, std::min(each.end(), request.end())));
     }
-    for (const Stored& piece : pieces)
-        insert(piece);
-    return !pieces.empty();
+    const bool matched = !pieces.empty();
+    pieces.resize(std::min(pieces.size(), limit));
+    for (const Stored& piece : pieces) insert(piece);
+    return matched;
 }
 
 long long MapModel::compareAndRelease(const Stored& request) {
@@ -169,9 +168,9 @@ long long MapModel::release() {
     return released;
 }
 
-void MapModel::copyTo(MapModel& destination) const {
-    for (const Stored& each : state.ranges)
-        destination.insert(each);
+void MapModel::copyTo(MapModel& destination, std::size_t limit) const {
+    for (std::size_t i = 0; i < std::min(limit, state.ranges.size()); ++i)
+        destination.insert(state.ranges[i]);
 }
 
 std::vector<Stored> MapModel::find(long long offset, int len) const {

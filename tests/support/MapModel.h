@@ -47,10 +47,12 @@ class MapModel {
     explicit MapModel(int bytesPerSector) : sectorSize(bytesPerSector) {}
 
     void insert(Stored range);
-    bool compareAndSet(const Stored& request, const Stored& target);
+    // Of the pieces that match, or of the ranges copied, the first `limit` only: what a call that
+    // fails part-way leaves.
+    bool compareAndSet(const Stored& request, const Stored& target, std::size_t limit = -1UL);
     long long compareAndRelease(const Stored& request);
     long long release();
-    void copyTo(MapModel& destination) const;
+    void copyTo(MapModel& destination, std::size_t limit = -1UL) const;
 
     // The ranges that share a byte with the given one.
     std::vector<Stored> find(long long offset, int len) const;

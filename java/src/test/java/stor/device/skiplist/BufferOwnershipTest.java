@@ -3,10 +3,14 @@ package stor.device.skiplist;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertNotNull;
 import static org.junit.jupiter.api.Assertions.assertNull;
+import static org.junit.jupiter.api.Assertions.assertSame;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import io.netty.buffer.ByteBuf;
 import io.netty.buffer.Unpooled;
+import java.lang.ref.Reference;
+import java.lang.ref.ReferenceQueue;
+import java.lang.ref.WeakReference;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
@@ -20,6 +24,7 @@ import org.junit.jupiter.api.extension.ExtendWith;
 class BufferOwnershipTest {
     private static final int LENGTH = 100;
     private static final byte NUMBER = 3;
+    private static final long COLLECTED_MILLIS = 10_000;
 
     private final ByteBuf buffer = Unpooled.buffer(LENGTH).writeZero(LENGTH);
     private long map;
@@ -86,6 +91,16 @@ class BufferOwnershipTest {
         ByteBuf first = JniSkipListNative.getNodeFileBuff(StoredRanges.nodes(map).get(0));
         assertEquals(LENGTH, first.readableBytes());
         assertEquals(2, buffer.refCnt());
+    }
+
+    @Test
+    void aSliceThatWasGivenBackCanBeCollected() throws InterruptedException {
+        ReferenceQueue<ByteBuf> collected = new ReferenceQueue<>();
+        Reference<ByteBuf> slice = new WeakReference<>(
+                JniSkipListNative.getNodeFileBuff(StoredRanges.nodes(map).get(0)), collected);
+        JniSkipListNative.release(map);
+        System.gc();
+        assertSame(slice, collected.remove(COLLECTED_MILLIS));
     }
 
     @Test

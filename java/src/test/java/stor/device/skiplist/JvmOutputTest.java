@@ -10,16 +10,19 @@ import org.junit.jupiter.params.provider.ValueSource;
 
 /** The judge of all other tests' output must itself be able to say no. */
 class JvmOutputTest {
+    private static final String STACK_LINE =
+            "\tat stor.device.skiplist.JniSkipListNative.insert(Native Method)";
+
     private final JvmOutput output = new JvmOutput();
 
     @Test
     void allowedWarningsAreLeftOutWithTheirStacks() {
         assertNull(output.show("WARNING in native method: JNI call made without checking exceptions"
                 + " when required to from CallObjectMethod"));
-        assertNull(output.show("\tat stor.device.skiplist.JniSkipListNative.insert(Native Method)"));
+        assertNull(output.show(STACK_LINE));
         assertEquals("insert exception, msg:text", output.show("insert exception, msg:text"
                 + "WARNING in native method: JNI call made with exception pending"));
-        assertNull(output.show("\tat stor.device.skiplist.JniSkipListNative.insert(Native Method)"));
+        assertNull(output.show(STACK_LINE));
         assertEquals("other", output.show("other"));
         assertEquals("\tat Somewhere", output.show("\tat Somewhere"));
         assertEquals(List.of(2L, 0L), List.of(output.allowed(), output.forbidden()));

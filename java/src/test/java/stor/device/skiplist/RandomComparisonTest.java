@@ -21,7 +21,8 @@ class RandomComparisonTest {
 
     @TestFactory
     List<DynamicTest> mapsAgreeWithTheModelAfterEveryOperation() {
-        int operations = OPERATIONS / (SECTOR_SIZES.length * HEIGHTS.length);
+        int combinations = SECTOR_SIZES.length * HEIGHTS.length;
+        int operations = (OPERATIONS + combinations - 1) / combinations;
         List<DynamicTest> tests = new ArrayList<>();
         for (int sectorSize : SECTOR_SIZES) {
             for (int height : HEIGHTS) {

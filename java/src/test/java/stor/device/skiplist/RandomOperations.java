@@ -117,10 +117,12 @@ final class RandomOperations implements AutoCloseable {
         long from = start;
         int bytes = length;
         List<Range> stored = map.model().find(start, length);
-        if (!stored.isEmpty() && random.nextBoolean()) {
+        if (!stored.isEmpty() && random.nextInt(4) > 0) {
             // Reaches around whole ranges, since those that stick out never match.
-            from = stored.get(0).start();
-            bytes = (int) (stored.get(stored.size() - 1).end() - from);
+            Range first = stored.get(random.nextInt(stored.size()));
+            Range last = stored.get(stored.size() - 1);
+            from = first.start();
+            bytes = (int) ((random.nextBoolean() ? first : last).end() - from);
         }
         Location expected = expectation(map, from, bytes);
         description = "compareAndRelease " + from + " " + bytes + " " + expected;

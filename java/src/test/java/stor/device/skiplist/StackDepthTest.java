@@ -22,8 +22,8 @@ class StackDepthTest {
     @Test
     void anInsertReplacesManyRangesAndFusesWithBothNeighbours() throws Exception {
         InThread.call(STACK_BYTES, () -> {
-            long map = alternating(MANY);
             int end = MANY * LENGTH;
+            long map = alternating(MANY);
             JniSkipListNative.insert(map, -LENGTH, LENGTH, 0, 1, 1, FIRST);
             JniSkipListNative.insert(map, end, LENGTH, end + LENGTH, 1, 1, FIRST);
             JniSkipListNative.insert(map, 0, end, LENGTH, 1, 1, FIRST);
@@ -71,10 +71,14 @@ class StackDepthTest {
         });
     }
 
-    /** Makes a map of adjacent ranges that lie in two files in turn. */
+    /**
+     * Makes a map of adjacent ranges that lie in two files in turn. It has a single level: with
+     * more, each range of a higher level is held by a second link, and no chain of ranges that
+     * hang on one another is long. It is filled from its end, where no search has to walk.
+     */
     private static long alternating(int count) {
-        long map = JniSkipListNative.createSkipList(12, SECTOR_SIZE);
-        for (int i = 0; i < count; i++) {
+        long map = JniSkipListNative.createSkipList(1, SECTOR_SIZE);
+        for (int i = count - 1; i >= 0; i--) {
             byte number = i % 2 == 0 ? FIRST : SECOND;
             JniSkipListNative.insert(map, (long) i * LENGTH, LENGTH, i * LENGTH, 1, 1, number);
         }
