@@ -33,6 +33,13 @@ void* operator new(std::size_t size) {
 void* operator new[](std::size_t size) {
     return allocate(size);
 }
+// libFuzzer allocates with this one and gives back with the one below.
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return std::malloc(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return std::malloc(size);
+}
 void operator delete(void* block) noexcept {
     std::free(block);
 }

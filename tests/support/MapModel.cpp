@@ -6,6 +6,8 @@
 #include <limits>
 #include <ostream>
 
+#include "records/Wrapping.h"
+
 namespace {
 
 constexpr long long longest = std::numeric_limits<int>::max();
@@ -190,7 +192,7 @@ bool MapModel::connected(const Stored& a, const Stored& b) const {
 bool MapModel::sameFile(const Stored& a, const Stored& b) const {
     const long long apart = a.offset - b.offset;
     return a.majorVer == b.majorVer && a.minorVer == b.minorVer && a.number == b.number &&
-           apart + apart / sectorSize * 8 == a.fileOffset - b.fileOffset;
+           apart + apart / sectorSize * 8 == wrapping::subtract(a.fileOffset, b.fileOffset);
 }
 
 Stored MapModel::part(const Stored& source, long long start, long long end) const {
@@ -198,7 +200,7 @@ Stored MapModel::part(const Stored& source, long long start, long long end) cons
     Stored piece = source;
     piece.offset = start;
     piece.len = static_cast<int>(end - start);
-    piece.fileOffset += skip + skip / sectorSize * 8;
+    piece.fileOffset = wrapping::add(piece.fileOffset, skip + skip / sectorSize * 8);
     if (piece.memory != nullptr) {
         piece.bufferStart += skip;
         piece.bufferLength = piece.len;
