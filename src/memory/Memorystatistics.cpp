@@ -16,8 +16,13 @@ long long globalTotal() {
     return std::max(0LL, MemoryStat::globalStats->count.load(std::memory_order_relaxed));
 }
 
+// What `thr_local_stats` points to. Read on every charge: an access to the shared pointer itself
+// would first ask each time whether its destructor has been registered for this thread.
+constinit thread_local Stats* currentRecord = nullptr;
+
 // Records `delta` on the calling thread's record, making one if there is none that takes it.
 void recordOnThread(long long delta) {
+    if (currentRecord != nullptr && currentRecord->changeAndTryMove(delta)) return;
     const auto id = std::this_thread::get_id();
     // The system reuses thread ids. A record left by a thread that ended under this id may still
     // hold a count, so it is carried on rather than replaced: nobody else charges it any more.
@@ -28,6 +33,14 @@ void recordOnThread(long long delta) {
         MemoryStat::statsMap.put(id, fresh);
         thr_local_stats = std::move(fresh);
     }
+    currentRecord = thr_local_stats.get();
+}
+
+[[noreturn]] void refuse(long long max, long long old, long long delta) {
+    std::ostringstream text;
+    text << "JNI memory exceeds the set maximum. memMax: " << max << " old:" << old
+         << " used:" << delta;
+    throw jni_bad_alloc(text.str());
 }
 
 void sweep() {
@@ -74,11 +87,7 @@ void MemoryStat::statsMem(long long delta) {
 void MemoryStat::checkMem(long long delta) {
     const long long max = memMax.load(std::memory_order_relaxed);
     const long long old = globalTotal();
-    if (delta + old <= max) return;
-    std::ostringstream text;
-    text << "JNI memory exceeds the set maximum. memMax: " << max << " old:" << old
-         << " used:" << delta;
-    throw jni_bad_alloc(text.str());
+    if (delta + old > max) refuse(max, old, delta);
 }
 
 void MemoryStat::setMaxMem(long long max) {

@@ -5,13 +5,6 @@
 Stats::Stats(std::thread::id id, std::shared_ptr<Stats> parentStats)
     : threadId(id), parent(std::move(parentStats)) {}
 
-bool Stats::changeAndTryMove(long long delta) {
-    const std::lock_guard lock(mutex);
-    if (retired) return false;
-    count.store(count.load(std::memory_order_relaxed) + delta, std::memory_order_relaxed);
-    return true;
-}
-
 bool Stats::shouldClean() {
     if (count.load(std::memory_order_relaxed) != 0) {
         idleSweeps = 0;

@@ -28,7 +28,12 @@ class Stats {
     Stats& operator=(const Stats&) = delete;
 
     // Adds `delta` bytes to the count; false, and nothing added, once the record is retired.
-    bool changeAndTryMove(long long delta);
+    bool changeAndTryMove(long long delta) {
+        const std::lock_guard lock(mutex);
+        if (retired) return false;
+        count.store(count.load(std::memory_order_relaxed) + delta, std::memory_order_relaxed);
+        return true;
+    }
 
     // Moves the count into `target`, or retires the record if there is nothing to move.
     // True exactly when it retired the record.

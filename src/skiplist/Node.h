@@ -67,6 +67,8 @@ class Node {
     // The successor at level `i`, in its place; nextNode is a reference of its own to that at 0.
     std::shared_ptr<Node>& next(int i) const { return at(*forward, i); }
     std::shared_ptr<Node> nextNode() const { return next(0); }
+    // As `next`, unchecked. REQUIRES: 0 <= i <= level.
+    std::shared_ptr<Node>& linked(int i) const { return (*forward)[static_cast<std::size_t>(i)]; }
 
     std::unique_ptr<Index> index;
     std::unique_ptr<Data> data;

@@ -55,7 +55,8 @@ SkipList::SkipList(std::shared_ptr<Env>& sharedEnv, int height, int bytesPerSect
       maxLevel(height - 1),
       sectorSize(bytesPerSector),
       head(createSentinel(firstPosition, maxLevel)),
-      tail(createSentinel(lastPosition, maxLevel)) {
+      tail(createSentinel(lastPosition, maxLevel)),
+      path(static_cast<std::size_t>(height)) {
     for (int i = maxLevel; i >= 0; --i) head->next(i) = tail;
     // Last: what follows a charge must not fail, for a map that is not built credits nothing.
     MemoryStat::statsMem(charge);
@@ -90,16 +91,25 @@ void SkipList::setJNIEnv(JNIEnv* jniEnv) {
 
 // Searches go from link to link through plain references to the links themselves, and so touch no
 // reference count. `tail` ends every level, therefore a link that is followed is never null.
-const std::shared_ptr<Node>& SkipList::firstEndingAfter(long long key) const {
-    const Node* x = head.get();
+// `note(level, x, next)` is told, from the highest level down, the last node that ends at or before
+// `key` and the one after it; returned is the latter at level 0. No entry needs a check: a node
+// that is met on a level is linked there.
+template <typename Note>
+const std::shared_ptr<Node>& SkipList::descend(long long key, Note note) const {
+    const std::shared_ptr<Node>* x = &head;
     for (int i = maxLevel; i >= 0; --i) {
-        const Node* next = x->next(i).get();
-        while (next != tail.get() && next->getEnd() <= key) {
+        const std::shared_ptr<Node>* next = &(*x)->linked(i);
+        while (*next != tail && (*next)->getEnd() <= key) {
             x = next;
-            next = x->next(i).get();
+            next = &(*x)->linked(i);
         }
+        note(i, *x, *next);
     }
-    return x->next(0);
+    return (*x)->linked(0);
+}
+
+const std::shared_ptr<Node>& SkipList::firstEndingAfter(long long key) const {
+    return descend(key, [](int, const auto&, const auto&) {});
 }
 
 std::shared_ptr<Node> SkipList::findEqualGreater(long long key) const {
@@ -131,24 +141,25 @@ void SkipList::findAll(std::shared_ptr<Node>& first, std::shared_ptr<Node>& last
 void SkipList::findRange(long long offset, int len, Node::Arr& predecessors, Node::Arr& successors,
                          Node::List& overlapped) const {
     const long long end = Index::endOf(offset, len);
-    const std::shared_ptr<Node>* x = &head;
-    for (int i = maxLevel; i >= 0; --i) {
-        const std::shared_ptr<Node>* next = &(*x)->next(i);
-        while (*next != tail && (*next)->getEnd() <= offset) {
-            x = next;
-            next = &(*x)->next(i);
-        }
-        assignIfOther(Node::at(*predecessors, i), *x);
-        assignIfOther(Node::at(*successors, i), *next);
-    }
+    // Throws here rather than in the middle if an array is short.
+    std::shared_ptr<Node>* const before = &Node::at(*predecessors, maxLevel) - maxLevel;
+    std::shared_ptr<Node>* const after = &Node::at(*successors, maxLevel) - maxLevel;
+    const std::shared_ptr<Node>* node =
+        &descend(offset, [&](int level, const auto& previous, const auto& next) {
+            assignIfOther(before[level], previous);
+            assignIfOther(after[level], next);
+        });
     // What the descent took for a successor may itself be overlapped. Each node walked over hands
     // its own successors on, so that at every level the nodes between the two neighbours are
     // exactly the ones listed, whatever ranges the map was given.
-    for (const auto* node = &(*x)->next(0); *node != tail && (*node)->getOffset() < end;
-         node = &(*node)->next(0)) {
+    for (; startsBefore(*node, end); node = &(*node)->linked(0)) {
         overlapped->push_back(*node);
-        for (int i = 0; i <= (*node)->level; ++i) Node::at(*successors, i) = (*node)->next(i);
+        for (int i = 0; i <= (*node)->level; ++i) after[i] = (*node)->linked(i);
     }
+}
+
+bool SkipList::startsBefore(const std::shared_ptr<Node>& node, long long end) const {
+    return node != tail && node->getOffset() < end;
 }
 
 template <typename Visit>
@@ -215,41 +226,154 @@ void SkipList::insert(long long offset, int len, int fileOffset, int majorVer, i
 
 void SkipList::insert(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data) {
     const int len = index->getLen();
-    auto overlapped = Node::createList();
-    findRange(index->getOffset(), len, prevArr, nextArr, overlapped);
+    if (!insertInPlace(index, data)) insertByReplacing(index, data);
+    rawCount = wrapping::add(rawCount, 1);
+    rawLen = wrapping::add(rawLen, len);
+}
 
+// Which of its two neighbours a range continues, and the range that they are together. A length
+// that 32 bits do not hold is not made: the left neighbour is tried first, then the right one
+// added.
+SkipList::Fusion SkipList::fuse(const std::unique_ptr<Index>& index,
+                                const std::unique_ptr<Data>& data, const Node& left,
+                                const Node& right) const {
+    Fusion fusion{false, false, index->getOffset(), index->getLen()};
+    if (&left != head.get() && isConnected(index, data, left.index, left.data) &&
+        isLength(fusion.len + left.getLen())) {
+        fusion.left = true;
+        fusion.offset = left.getOffset();
+        fusion.len += left.getLen();
+    }
+    if (&right != tail.get() && isConnected(index, data, right.index, right.data) &&
+        isLength(fusion.len + right.getLen())) {
+        fusion.right = true;
+        fusion.len += right.getLen();
+    }
+    return fusion;
+}
+
+// The general way: every node that the range overlaps or continues is replaced by new ones.
+void SkipList::insertByReplacing(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data) {
+    auto overlapped = Node::createList();
+    findRange(index->getOffset(), index->getLen(), prevArr, nextArr, overlapped);
     // Plain pointers: a reference held here would outlive the list of replaced nodes, and the
     // whole chain of them would hang on it.
     Node* const left = Node::at(*prevArr, 0).get();
-    Node* const right = Node::at(*nextArr, 0).get();
-    long long fusedOffset = index->getOffset();
-    long long fusedLen = len;
-    const bool fusesLeft = left != head.get() &&
-                           isConnected(index, data, left->index, left->data) &&
-                           isLength(fusedLen + left->getLen());
-    if (fusesLeft) {
-        fusedOffset = left->getOffset();
-        fusedLen += left->getLen();
-    }
-    const bool fusesRight = right != tail.get() &&
-                            isConnected(index, data, right->index, right->data) &&
-                            isLength(fusedLen + right->getLen());
-    if (fusesRight) fusedLen += right->getLen();
-
-    if (!fusesLeft && !fusesRight) {
+    const Node* const right = Node::at(*nextArr, 0).get();
+    const Fusion fusion = fuse(index, data, *left, *right);
+    if (!fusion.left && !fusion.right) {
         insertNewNodes(index, data, prevArr, nextArr, overlapped);
-    } else {
-        auto fusedIndex = Index::create(fusedOffset, static_cast<int>(fusedLen));
-        overlapped->clear();
-        findRange(fusedOffset, fusedIndex->getLen(), prevArr, nextArr, overlapped);
-        // The fused range begins where the left neighbour's bytes do and so takes its location,
-        // unless that neighbour covers no byte: then it is not replaced and keeps its own.
-        const bool leftLeaves =
-            fusesLeft && !overlapped->empty() && overlapped->front().get() == left;
-        insertNewNodes(fusedIndex, leftLeaves ? left->data : data, prevArr, nextArr, overlapped);
+        return;
     }
-    rawCount = wrapping::add(rawCount, 1);
-    rawLen = wrapping::add(rawLen, len);
+    auto fusedIndex = Index::create(fusion.offset, static_cast<int>(fusion.len));
+    overlapped->clear();
+    findRange(fusion.offset, fusedIndex->getLen(), prevArr, nextArr, overlapped);
+    // The fused range begins where the left neighbour's bytes do and so takes its location, unless
+    // that neighbour covers no byte: then it is not replaced and keeps its own.
+    const bool leftLeaves =
+        fusion.left && !overlapped->empty() && overlapped->front().get() == left;
+    insertNewNodes(fusedIndex, leftLeaves ? left->data : data, prevArr, nextArr, overlapped);
+}
+
+// The frequent ways, in which no stored node is replaced: a range that stands alone, one that
+// continues one neighbour, and one that overlaps a single stored range and continues none. False,
+// and nothing done, for any other.
+bool SkipList::insertInPlace(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data) {
+    const std::shared_ptr<Node>& first =
+        descend(index->getOffset(), [this](int level, const auto& previous, const auto&) {
+            path[static_cast<std::size_t>(level)] = previous.get();
+        });
+    const bool overlapsNone = !startsBefore(first, index->getEnd());
+    const std::shared_ptr<Node>& next = overlapsNone ? first : first->linked(0);
+    if (!overlapsNone && startsBefore(next, index->getEnd())) return false;
+
+    Node& left = *path.front();
+    const Fusion fusion = fuse(index, data, left, *next);
+    if (overlapsNone && fusion.left != fusion.right) {
+        return grow(fusion.left ? left : *next, fusion, data);
+    }
+    if (fusion.left || fusion.right) return false;
+    if (overlapsNone) return insertAlone(index, data);
+    // A reference of its own: `first` is a link that is about to change.
+    const std::shared_ptr<Node> stored = first;
+    if (isConnected(index, data, stored->index, stored->data)) return false;
+    replaceOne(index, data, stored);
+    return true;
+}
+
+bool SkipList::insertAlone(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data) {
+    const int len = index->getLen();
+    const auto added = Node::create(std::move(index), nullptr, randLevel());
+    added->data = std::move(data);
+    linkBehindPath(added);
+    ++size;
+    validLen = wrapping::add(validLen, len);
+    return true;
+}
+
+// Links a node behind the last one before it at each of its levels.
+void SkipList::linkBehindPath(const std::shared_ptr<Node>& node) const {
+    for (int i = 0; i <= node->getLevel(); ++i) {
+        std::shared_ptr<Node>& link = path[static_cast<std::size_t>(i)]->linked(i);
+        node->linked(i) = std::move(link);
+        link = node;
+    }
+}
+
+// Sequential writes: a neighbour takes the new range in. One that covers no byte does not.
+bool SkipList::grow(Node& neighbour, const Fusion& fusion, std::unique_ptr<Data>& data) {
+    if (neighbour.getLen() <= 0) return false;
+    const long long gained = fusion.len - neighbour.getLen();
+    neighbour.index = Index::create(fusion.offset, static_cast<int>(fusion.len));
+    if (fusion.right) neighbour.data = std::move(data);
+    validLen = wrapping::add(validLen, gained);
+    return true;
+}
+
+// A range over one stored range that lies elsewhere: most overwrites. The stored node stays, as the
+// part of its range that is left or, if none is, as the new range.
+//
+//   stored   [---------)         [---------)         [---------)        [------)
+//   new           [---------)  [-----)                  [---)         [----------)
+//   becomes  [stay)[--------)  [-----)[stay)         [st)[--)[--)     [---stay---)
+void SkipList::replaceOne(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
+                          const std::shared_ptr<Node>& stored) {
+    const long long newOff = index->getOffset();
+    const long long newEnd = index->getEnd();
+    const long long storedOff = stored->getOffset();
+    const long long storedEnd = stored->getEnd();
+    const bool outLeft = storedOff < newOff;
+    const bool outRight = storedEnd > newEnd;
+    if (!outLeft && !outRight) {
+        validLen =
+            wrapping::add(validLen, static_cast<long long>(index->getLen()) - stored->getLen());
+        stored->index = std::move(index);
+        stored->data = std::move(data);
+        return;
+    }
+
+    const auto added = Node::create(std::move(index), nullptr, randLevel());
+    const auto rest = outLeft && outRight ? cut(*stored, newEnd, storedEnd) : nullptr;
+    const long long stayOff = outLeft ? storedOff : newEnd;
+    auto stayIndex = Index::create(stayOff, lengthOf(stayOff, outLeft ? newOff : storedEnd));
+    // The start of a range keeps its location, though not the whole of its buffer.
+    std::unique_ptr<Data> stayData;
+    if (!outLeft || stored->data->hasBuff()) {
+        stayData = Data::sliceData(stored->data, lengthOf(storedOff, stayOff), stayIndex->getLen(),
+                                   sectorSize);
+    }
+
+    // Nothing can fail any more.
+    added->data = std::move(data);
+    stored->index = std::move(stayIndex);
+    if (stayData) stored->data = std::move(stayData);
+    // What sticks out on the left comes before the new nodes at each of its levels.
+    if (outLeft) std::fill_n(path.begin(), stored->getLevel() + 1, stored.get());
+    if (rest) linkBehindPath(rest);
+    linkBehindPath(added);
+    size += rest ? 2 : 1;
+    if (!outRight) validLen = wrapping::add(validLen, wrapping::subtract(newEnd, storedEnd));
+    if (!outLeft) validLen = wrapping::add(validLen, wrapping::subtract(storedOff, newOff));
 }
 
 void SkipList::insertNewNodes(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
@@ -367,8 +491,9 @@ void SkipList::updateMiddle(std::unique_ptr<Index>& index, std::unique_ptr<Data>
     Node& middle = append(newNodes, Node::create(std::move(index), nullptr, level));
     if (fusedEnd == newEnd) append(newNodes, cut(last, newEnd, lastEnd));
     middle.data = std::move(fusesLeft ? first.data : data);
-    countReplaced(overlapped, newNodes,
-                  wrapping::subtract(lastEnd, firstOff) - summedLength(overlapped));
+    countReplaced(
+        overlapped, newNodes,
+        wrapping::subtract(wrapping::subtract(lastEnd, firstOff), summedLength(overlapped)));
 }
 
 // A new node for the part [start, end) of a stored range.
@@ -419,9 +544,12 @@ void SkipList::link(Node::Arr& predecessors, Node::Arr& successors, Node::List& 
             if (node->next(i) == nullptr) node->next(i) = Node::at(*successors, i);
         }
     }
-    // Levels that no new node reaches pass over the replaced ones.
+    // Levels that no new node reaches pass over the replaced ones, up to the level that none of
+    // these reached: what is not linked at a level is not linked above it either.
     for (int i = linked; i <= maxLevel; ++i) {
-        assignIfOther(Node::at(*predecessors, i)->next(i), Node::at(*successors, i));
+        std::shared_ptr<Node>& passing = Node::at(*predecessors, i)->next(i);
+        if (passing == Node::at(*successors, i)) break;
+        passing = Node::at(*successors, i);
     }
 }
 

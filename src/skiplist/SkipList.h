@@ -31,6 +31,7 @@
 #include <list>
 #include <memory>
 #include <random>
+#include <vector>
 
 #include "skiplist/Node.h"
 
@@ -135,7 +136,7 @@ class SkipList {
     void updateMiddle(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
                       Node::List& overlapped, Node::List& newNodes);
 
-    // Written by every insert, read by none: see findRange.
+    // The neighbours of a range that replaces nodes; written whole before they are read.
     Node::Arr prevArr;
     Node::Arr nextArr;
 
@@ -161,11 +162,36 @@ class SkipList {
   private:
     static constexpr int charge = 144;
 
+    // A new range joined with the neighbours that it continues.
+    struct Fusion {
+        bool left;
+        bool right;
+        long long offset;
+        long long len;
+    };
+
     const std::shared_ptr<Node>& firstEndingAfter(long long key) const;
+    template <typename Note>
+    const std::shared_ptr<Node>& descend(long long key, Note note) const;
+    bool startsBefore(const std::shared_ptr<Node>& node, long long end) const;
     template <typename Visit>
     void forEachOverlapped(const Index& range, Visit visit) const;
+
+    Fusion fuse(const std::unique_ptr<Index>& index, const std::unique_ptr<Data>& data,
+                const Node& left, const Node& right) const;
+    bool insertInPlace(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data);
+    void insertByReplacing(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data);
+    bool insertAlone(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data);
+    bool grow(Node& neighbour, const Fusion& fusion, std::unique_ptr<Data>& data);
+    void replaceOne(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
+                    const std::shared_ptr<Node>& stored);
+    void linkBehindPath(const std::shared_ptr<Node>& node) const;
+
     std::shared_ptr<Node> cut(const Node& source, long long start, long long end);
     Node& append(Node::List& newNodes, std::shared_ptr<Node> node) const;
     void countReplaced(const Node::List& overlapped, const Node::List& newNodes,
                        long long coveredBytes);
+
+    // For each level the last node before the range of a running insertInPlace.
+    std::vector<Node*> path;
 };
