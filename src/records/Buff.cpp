@@ -68,20 +68,24 @@ bool Buff::envInit(JNIEnv* jniEnv) {
 
 std::unique_ptr<Buff> Buff::create(std::shared_ptr<Env> env, jobject const& byteBuf) {
     requireEnvInit(*env);
+    MemoryStat::checkMem(charge);
     return std::make_unique<Buff>(env, byteBuf);
 }
 
 std::unique_ptr<Buff> Buff::create(std::shared_ptr<Env> env, jobject const& byteBuf, int index,
                                    int length) {
     requireEnvInit(*env);
+    MemoryStat::checkMem(charge);
     return std::make_unique<Buff>(env, byteBuf, index, length);
 }
 
 std::unique_ptr<Buff> Buff::create(std::unique_ptr<Buff> const& src) {
+    MemoryStat::checkMem(charge);
     return std::make_unique<Buff>(*src);
 }
 
 std::unique_ptr<Buff> Buff::create(std::unique_ptr<Buff> const& src, int index, int length) {
+    MemoryStat::checkMem(charge);
     return std::make_unique<Buff>(*src, index, length);
 }
 

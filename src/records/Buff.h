@@ -12,8 +12,9 @@
 //   The method identifiers may be looked up by several threads at once.
 // Cost: two to three calls into the JVM to make one, two to give one back.
 // Failure: a failing Java call is written to standard error and thrown as std::runtime_error; a
-//   Java exception that it raised stays pending. If the charge of a new `Buff` is refused, its
-//   global reference is not given back: giving back would call Java in the middle of a failure.
+//   Java exception that it raised stays pending. If a constructor's charge is refused, its global
+//   reference is not given back; `create` asks first, so that this takes a limit that is lowered,
+//   or a sweep, between the question and the charge.
 //   If the JVM has no memory for a global reference, the handle is made without a slice and reads
 //   as given back.
 #pragma once
@@ -43,7 +44,8 @@ class Buff {
     static bool envInit(JNIEnv* jniEnv);
 
     // A handle on a retained slice of the whole Java buffer, or of `length` bytes from `index`.
-    // These two run envInit first; the constructors do not.
+    // These two run envInit first; the constructors do not. All four ask whether the charge would
+    // fit before they call Java, because a constructor that is refused has its slice already.
     static std::unique_ptr<Buff> create(std::shared_ptr<Env> env, jobject const& byteBuf);
     static std::unique_ptr<Buff> create(std::shared_ptr<Env> env, jobject const& byteBuf, int index,
                                         int length);
