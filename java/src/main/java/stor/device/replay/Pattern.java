@@ -2,6 +2,7 @@ package stor.device.replay;
 
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
+import java.util.Arrays;
 
 /**
  * The bytes of a write: each follows from its logical position and the write's id alone, so that
@@ -24,6 +25,18 @@ final class Pattern {
         byte[] bytes = new byte[length];
         aligned.get(lead, bytes);
         return bytes;
+    }
+
+    /** Fills in whole words, from a position that is a multiple of 8. Id 0 stands for zeros. */
+    static void fill(byte[] bytes, int at, int length, long start, long writeId) {
+        if (writeId == 0) {
+            Arrays.fill(bytes, at, at + length, (byte) 0);
+            return;
+        }
+        ByteBuffer words = ByteBuffer.wrap(bytes, at, length).order(ByteOrder.LITTLE_ENDIAN);
+        for (long index = start / Long.BYTES; words.hasRemaining(); index++) {
+            words.putLong(word(index, writeId));
+        }
     }
 
     /** Mixes position and id so that neighbouring words and writes share no bytes but by chance. */

@@ -1,78 +1,122 @@
 package stor.device.replay;
 
+import io.netty.buffer.ByteBuf;
+import java.io.IOException;
+import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
-import java.util.Random;
+import java.util.concurrent.atomic.AtomicLong;
+import stor.device.replay.FlushFaults.InjectedFault;
+import stor.device.replay.Latencies.Operation;
+import stor.device.skiplist.MappedRange;
 
 /**
- * Serves the requests of a trace as a storage device would, with two maps.
+ * Serves the requests of a trace with a {@link BlockStore} and checks every byte that is read
+ * against a {@link Mirror}. One thread makes the requests and takes the snapshots; a second one
+ * flushes and a third one compacts.
  *
- * <p>The <em>buffered</em> map takes every write with its bytes, at the place in the log where they
- * will lie. A write-out records those places in the <em>files</em> map, where neighbours fuse, and
- * gives the buffers back. Moves redirect what the files map holds in a window of the device; the
- * window is looked up on one move and redirected on the next, so that what was overwritten in
- * between must be left alone. A discard stores the empty location in both maps.
+ * <p>Every method throws a {@link Difference} if a byte is wrong.
  */
 final class Replay implements AutoCloseable {
-    private static final int MOVE_WINDOW_BYTES = 1 << 20;
-
     private final ReplayOptions options;
+    private final int sectorSize;
     private final CountedBuffers buffers = new CountedBuffers();
-    private final Timings timings = new Timings();
-    private final CheckedMap buffered;
-    private final CheckedMap files;
-    private final SegmentLog log;
-    private final Random random;
+    private final Latencies latencies = new Latencies();
+    private final Samples samples = new Samples();
+    private final Mirror mirror;
+    private final BlockStore store;
+    private final Background flusher = new Background("flusher");
+    private final Background compactor = new Background("compactor");
+    private final AtomicLong killedFlushes = new AtomicLong();
     private final long[] requestsByKind = new long[TraceReader.Kind.values().length];
-    private List<Range> moveCandidates = List.of();
+    private Snapshot snapshot;
+    private Mirror snapshotMirror;
     private long requests;
-    private long writeOuts;
-    private long writtenOutBytes;
-    private long movesTried;
-    private long movesDone;
+    private long checkedBytes;
     private long snapshots;
+    private long snapshotsGivenUp;
 
-    Replay(ReplayOptions options) {
+    Replay(ReplayOptions options, Path folder) {
         this.options = options;
-        log = new SegmentLog(options.sectorSize());
-        random = new Random(options.seed());
-        buffered = newMap();
-        files = newMap();
+        sectorSize = options.store().sectorSize();
+        mirror = new Mirror(sectorSize);
+        store = new BlockStore(folder, options.store());
+        store.onStep(new FlushFaults(options.failFlushEvery(), options.seed())::at);
     }
 
-    /** Serves one request and, when it is their turn, the work in the background. */
-    void serve(TraceReader.Request request) {
+    /** Serves one request and, when it is their turn, starts the work in the background. */
+    void serve(TraceReader.Request request) throws IOException {
         requests++;
         requestsByKind[request.kind().ordinal()]++;
+        long end = request.offset() + request.length();
         switch (request.kind()) {
-            case READ -> read(request);
-            case WRITE -> write(request);
-            case DISCARD -> discard(request);
+            case READ -> read(floor(request.offset()), ceil(end));
+            case WRITE -> write(floor(request.offset()), ceil(end));
+            case DISCARD -> discard(ceil(request.offset()), floor(end));
             default -> throw new AssertionError(request);
         }
         if (requests % options.flushEvery() == 0) {
-            writeOut();
+            flusher.start(this::flush);
         }
-        if (requests % options.moveEvery() == 0) {
-            move();
+        if (requests % options.compactEvery() == 0) {
+            compactor.start(this::compact);
         }
         if (requests % options.snapshotEvery() == 0) {
-            snapshot();
+            takeSnapshot();
+        }
+        samples.update(requests, store::stats);
+    }
+
+    /** Reads all back, compacts as far as that gets, and reads all back again. */
+    List<List<MappedRange>> checkAll() throws IOException {
+        settle();
+        readBack();
+        List<List<MappedRange>> layouts = new ArrayList<>();
+        layouts.add(store.layout());
+        while (compact() > 0) {
+            samples.update(requests, store::stats);
+        }
+        layouts.add(store.layout());
+        readBack();
+        closeSnapshot();
+        return layouts;
+    }
+
+    /** Waits for the work in the background and flushes. */
+    void settle() throws IOException {
+        flusher.await();
+        compactor.await();
+        while (flush() < 0) {
+            // Killed: what is left goes out with the next one.
         }
     }
 
-    /** Writes out what is still buffered and compares both maps as a whole. */
-    void finish() {
-        writeOut();
-        buffered.checkAll();
-        files.checkAll();
+    /** Ends with the store; the buffers can be counted afterwards. */
+    @Override
+    public void close() throws IOException {
+        flusher.close();
+        compactor.close();
+        store.close();
     }
 
-    /** Destroys both maps, after which no buffer may be in use. */
-    @Override
-    public void close() {
-        buffered.close();
-        files.close();
+    BlockStore store() {
+        return store;
+    }
+
+    CountedBuffers buffers() {
+        return buffers;
+    }
+
+    Latencies latencies() {
+        return latencies;
+    }
+
+    Samples samples() {
+        return samples;
+    }
+
+    long liveSectors() {
+        return mirror.liveSectors();
     }
 
     long requests() {
@@ -83,115 +127,136 @@ final class Replay implements AutoCloseable {
         return requestsByKind[kind.ordinal()];
     }
 
-    CheckedMap buffered() {
-        return buffered;
+    long checkedBytes() {
+        return checkedBytes;
     }
 
-    CheckedMap files() {
-        return files;
+    long killedFlushes() {
+        return killedFlushes.get();
     }
 
-    Timings timings() {
-        return timings;
+    long snapshots() {
+        return snapshots;
     }
 
-    String backgroundWork() {
-        return writeOuts + " write-outs (" + writtenOutBytes + " bytes), " + movesDone + " of "
-                + movesTried + " moves redirected something, " + snapshots + " snapshots";
+    long snapshotsGivenUp() {
+        return snapshotsGivenUp;
     }
 
-    CountedBuffers buffers() {
-        return buffers;
+    private void read(long from, long to) throws IOException {
+        byte[] bytes = latencies.measure(
+                Operation.READ, () -> store.read(from, (int) (to - from)));
+        mirror.check("read", from, bytes);
+        checkedBytes += bytes.length;
     }
 
-    private void read(TraceReader.Request request) {
-        buffered.check(request.offset(), request.length());
-        files.check(request.offset(), request.length());
-    }
-
-    private void write(TraceReader.Request request) {
+    private void write(long from, long to) throws IOException {
+        int length = (int) (to - from);
         // The seed is part of the id, so that two runs do not write the same bytes.
         long writeId = options.seed() << Integer.SIZE ^ requests;
-        buffered.insertWithBuff(
-                request.offset(), request.length(), log.append(request.length()), writeId);
-    }
-
-    private void discard(TraceReader.Request request) {
-        buffered.insert(request.offset(), request.length(), Location.EMPTY);
-        files.insert(request.offset(), request.length(), Location.EMPTY);
-    }
-
-    private void writeOut() {
-        writeOuts++;
-        buffered.checkAll();
-        for (Range run : recordInFiles()) {
-            long released = buffered.compareAndRelease(run.start(), run.length(), run.location());
-            Difference.check("bytes written out of " + run, released, (long) run.length());
-            writtenOutBytes += released;
+        byte[] bytes = new byte[length];
+        Pattern.fill(bytes, 0, length, from, writeId);
+        ByteBuf buffer = buffers.allocator().buffer(length).writeBytes(bytes);
+        try {
+            write(from, buffer);
+        } finally {
+            buffer.release();
         }
-        Difference.check("buffers in use after a write-out", buffers.inUse(), 0L);
+        mirror.set(from, length, writeId);
     }
 
-    /** Records the places of the buffered ranges; gives them as runs that lie in sequence. */
-    private List<Range> recordInFiles() {
-        List<Range> runs = new ArrayList<>();
-        for (Range range : buffered.model().ranges()) {
-            if (!range.isBuffered()) {
-                continue;
-            }
-            files.insert(range.start(), range.length(), range.location());
-            int last = runs.size() - 1;
-            if (last >= 0 && continues(runs.get(last), range)) {
-                runs.set(last, runs.get(last).slice(
-                        runs.get(last).start(), range.end(), options.sectorSize()));
-            } else {
-                runs.add(range);
+    /** Writes, in spite of what stands against it: a killed flush, or the memory of a snapshot. */
+    private void write(long offset, ByteBuf buffer) throws IOException {
+        while (true) {
+            try {
+                latencies.measure(Operation.WRITE, () -> {
+                    store.write(offset, buffer);
+                    return null;
+                });
+                return;
+            } catch (InjectedFault e) {
+                killedFlushes.incrementAndGet();
+            } catch (OutOfMemoryError e) {
+                if (snapshot == null) {
+                    throw e;
+                }
+                snapshotsGivenUp++;
+                closeSnapshot();
             }
         }
-        return runs;
     }
 
-    private boolean continues(Range run, Range next) {
-        return run.end() == next.start() && next.end() - run.start() <= Integer.MAX_VALUE
-                && run.location().plus(run.length(), options.sectorSize()).equals(next.location());
-    }
-
-    private void move() {
-        for (Range range : moveCandidates) {
-            movesTried++;
-            if (files.compareAndSet(range.start(), range.length(), range.location(),
-                    log.append(range.length()))) {
-                movesDone++;
-            }
-        }
-        moveCandidates = pickMoveCandidates();
-    }
-
-    private List<Range> pickMoveCandidates() {
-        List<Range> all = files.model().ranges();
-        if (all.isEmpty()) {
-            return List.of();
-        }
-        long start = all.get(random.nextInt(all.size())).start();
-        long end = start + MOVE_WINDOW_BYTES;
-        return files.model().find(start, MOVE_WINDOW_BYTES).stream()
-                .map(range -> range.slice(Math.max(start, range.start()),
-                        Math.min(end, range.end()), options.sectorSize()))
-                .toList();
-    }
-
-    private void snapshot() {
-        snapshots++;
-        for (CheckedMap map : List.of(buffered, files)) {
-            try (CheckedMap copy = newMap()) {
-                map.copyTo(copy);
-                copy.checkAll();
-            }
-            map.checkAll();
+    private void discard(long from, long to) throws IOException {
+        if (from < to) {
+            latencies.measure(Operation.DISCARD, () -> {
+                store.discard(from, (int) (to - from));
+                return null;
+            });
+            mirror.set(from, (int) (to - from), 0);
         }
     }
 
-    private CheckedMap newMap() {
-        return new CheckedMap(options.height(), options.sectorSize(), buffers, timings);
+    /** Gives the bytes written, or -1 if the flush was killed. */
+    private long flush() throws IOException {
+        try {
+            return latencies.measure(Operation.FLUSH, store::flush);
+        } catch (InjectedFault e) {
+            killedFlushes.incrementAndGet();
+            return -1;
+        }
+    }
+
+    private long compact() throws IOException {
+        return latencies.measure(Operation.COMPACT, store::compact);
+    }
+
+    /** Checks the last snapshot, which is as old as can be, and takes another. */
+    private void takeSnapshot() throws IOException {
+        if (snapshot != null) {
+            readBack("snapshot", snapshotMirror, snapshot::read);
+            closeSnapshot();
+        }
+        try {
+            snapshot = latencies.measure(Operation.SNAPSHOT, store::snapshot);
+            snapshotMirror = mirror.copy();
+            snapshots++;
+        } catch (OutOfMemoryError e) {
+            snapshotsGivenUp++;
+        }
+    }
+
+    private void closeSnapshot() throws IOException {
+        if (snapshot != null) {
+            snapshot.close();
+            snapshot = null;
+        }
+    }
+
+    private void readBack() throws IOException {
+        readBack("device", mirror, store::read);
+        if (snapshot != null) {
+            readBack("snapshot", snapshotMirror, snapshot::read);
+        }
+    }
+
+    /** Something to read. */
+    private interface Readable {
+        byte[] read(long offset, int length) throws IOException;
+    }
+
+    private void readBack(String name, Mirror expected, Readable source) throws IOException {
+        int length = Mirror.PAGE_SECTORS * sectorSize;
+        for (long offset : expected.pageOffsets()) {
+            expected.check(name, offset, source.read(offset, length));
+            checkedBytes += length;
+        }
+    }
+
+    private long floor(long offset) {
+        return offset / sectorSize * sectorSize;
+    }
+
+    private long ceil(long offset) {
+        return floor(offset + sectorSize - 1);
     }
 }

@@ -91,16 +91,15 @@ import io.netty.buffer.ByteBuf;
  * <h2>Loading</h2>
  *
  * <p>The system property {@code skiplist.native.library}, when set, is the absolute path of the
- * native library; no other place is tried. Otherwise it is {@code skiplistjni} on
- * {@code java.library.path}. If it cannot be loaded, the first use of this class throws an
- * {@link UnsatisfiedLinkError} that names the property, the path and the reason.
+ * native library; no other place is tried. Otherwise it is the one inside the jar, copied to the
+ * folder that the system property {@code skiplist.native.tmpdir} names (by default that of
+ * {@code java.io.tmpdir}), loaded and deleted; and if that fails, {@code skiplistjni} on
+ * {@code java.library.path}. If none can be loaded, the first use of this class throws an
+ * {@link UnsatisfiedLinkError} that names each place with its reason, and the property to set.
  */
 public final class JniSkipListNative {
-    private static final String LIBRARY_PROPERTY = "skiplist.native.library";
-    private static final String LIBRARY_NAME = "skiplistjni";
-
     static {
-        loadLibrary(System.getProperty(LIBRARY_PROPERTY));
+        NativeLoader.load();
     }
 
     private JniSkipListNative() {
@@ -432,29 +431,4 @@ public final class JniSkipListNative {
      * @throws RuntimeException on any failure
      */
     public static native long[] getAllNodes(long handle);
-
-    private static void loadLibrary(String path) {
-        try {
-            if (path == null) {
-                System.loadLibrary(LIBRARY_NAME);
-            } else {
-                System.load(path);
-            }
-            // A file that loads but is another library shows here, not at some later call.
-            tryTest();
-        } catch (UnsatisfiedLinkError error) {
-            throw describe(path, error);
-        }
-    }
-
-    private static UnsatisfiedLinkError describe(String path, UnsatisfiedLinkError cause) {
-        String place = path == null
-                ? LIBRARY_NAME + " on java.library.path=" + System.getProperty("java.library.path")
-                        + " (property " + LIBRARY_PROPERTY + " not set)"
-                : path + " (property " + LIBRARY_PROPERTY + ")";
-        UnsatisfiedLinkError error = new UnsatisfiedLinkError(
-                "load native library: " + place + ": " + cause.getMessage());
-        error.initCause(cause);
-        return error;
-    }
 }

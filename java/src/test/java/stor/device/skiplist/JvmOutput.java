@@ -22,7 +22,7 @@ final class JvmOutput {
 
     /** Takes a line of output; gives what of it is to be shown, or null. */
     String show(String line) {
-        if (insideAllowed && line.startsWith("\tat ")) {
+        if (insideAllowed && (line.startsWith("\tat ") || line.startsWith("\t- "))) {
             return null;
         }
         int warning = line.indexOf(NATIVE_WARNING);

@@ -14,6 +14,11 @@ public final class LeakHunt implements AfterAllCallback {
     @Override
     public void afterAll(ExtensionContext context) throws InterruptedException {
         System.err.println("leak hunt after " + context.getDisplayName());
+        hunt();
+    }
+
+    /** Makes Netty report the buffers that have been lost so far. */
+    static void hunt() throws InterruptedException {
         for (int i = 0; i < ROUNDS; i++) {
             ReferenceQueue<Object> queue = new ReferenceQueue<>();
             WeakReference<Object> canary = new WeakReference<>(new Object(), queue);

@@ -1,0 +1,23 @@
+package stor.device.replay;
+
+/**
+ * What a {@link BlockStore} holds and has done.
+ *
+ * @param memoryRanges the ranges in the memory maps
+ * @param fileRanges the ranges in the file map
+ * @param ranges the ranges in all maps, those of snapshots included
+ * @param bufferedBytes the bytes accepted and not yet written out
+ * @param recordBytes the library's records of all maps, snapshots included, by the store's count
+ * @param peakRecordBytes the most that it was before any write
+ * @param sweptBytes the same as the library counted when it last swept, all maps of the process
+ * @param segments the segment files
+ * @param refusedInserts the inserts that were refused for want of native memory
+ * @param flushes the flushes that had something to write and came to their end
+ * @param flushedBytes the bytes written out
+ * @param movedBytes the bytes that compaction redirected
+ * @param freedSegments the segments that compaction retired
+ */
+public record StoreStats(int memoryRanges, int fileRanges, int ranges, long bufferedBytes,
+        long recordBytes, long peakRecordBytes, long sweptBytes, int segments, long refusedInserts,
+        long flushes, long flushedBytes, long movedBytes, int freedSegments) {
+}

@@ -1,0 +1,198 @@
+package stor.device.skiplist;
+
+import io.netty.buffer.ByteBuf;
+import io.netty.buffer.Unpooled;
+import java.io.BufferedReader;
+import java.io.FileInputStream;
+import java.io.IOException;
+import java.io.InputStreamReader;
+import java.nio.charset.StandardCharsets;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import java.util.zip.GZIPInputStream;
+
+/**
+ * Measures what a map costs more than its native methods: replays a recorded trace through both by
+ * turns, in one JVM. Reads walk their range and read every field, writes go to one file after
+ * another, discards store the empty location; every second buffer is given back at once. Then reads
+ * a counter, which takes little but the lock. Arguments: the trace, the number of rounds. With a
+ * sector size that divides no request ({@code skiplist.test.sector=509}), every insert looks at its
+ * neighbours first.
+ */
+public final class LayerCost {
+    private static final int HEIGHT = 12;
+    private static final int SECTOR_SIZE = Integer.getInteger("skiplist.test.sector", 512);
+    private static final int FILE_BYTES = 1 << 30;
+    private static final int RELEASE_INTERVAL = 2;
+    // Makes the map one of a large device, in which joined ranges might become too long.
+    private static final long FAR_AWAY = 1L << 40;
+    private static final int COUNTER_CALLS = 1_000_000;
+    private static final int WARM_UP_ROUNDS = 4;
+
+    private final List<Request> requests;
+    private final ByteBuf bytes;
+    private long sum;
+
+    /** One line of the trace. */
+    private record Request(char kind, long offset, int length) {
+    }
+
+    private LayerCost(List<Request> requests) {
+        this.requests = requests;
+        int longest = requests.stream().mapToInt(Request::length).max().orElseThrow();
+        bytes = Unpooled.directBuffer(longest).writeZero(longest);
+    }
+
+    /** Prints the medians of both, without and with buffers. */
+    public static void main(String[] args) throws IOException {
+        LayerCost cost = new LayerCost(read(args[0]));
+        int rounds = Integer.parseInt(args[1]);
+        for (boolean buffered : new boolean[] {false, true}) {
+            double[] raw = new double[rounds];
+            double[] layer = new double[rounds];
+            for (int i = -WARM_UP_ROUNDS; i < rounds; i++) {
+                long start = System.nanoTime();
+                cost.replayRaw(buffered);
+                long middle = System.nanoTime();
+                cost.replayLayer(buffered);
+                long end = System.nanoTime();
+                if (i >= 0) {
+                    raw[i] = (double) (middle - start) / cost.requests.size();
+                    layer[i] = (double) (end - middle) / cost.requests.size();
+                }
+            }
+            double[] ratios = new double[rounds];
+            Arrays.setAll(ratios, i -> layer[i] / raw[i]);
+            System.out.printf(
+                    "%s: raw %.0f ns, layer %.0f ns a request; ratio %.3f (median of %d)%n",
+                    buffered ? "with buffers" : "without buffers", median(raw), median(layer),
+                    median(ratios), rounds);
+        }
+        cost.measureCounter(rounds);
+        System.out.println("checksum " + cost.sum);
+    }
+
+    private void measureCounter(int rounds) {
+        double[] raw = new double[rounds];
+        double[] layer = new double[rounds];
+        long handle = JniSkipListNative.createSkipList(HEIGHT, SECTOR_SIZE);
+        try (OffHeapRangeMap map = OffHeapRangeMap.create(HEIGHT, SECTOR_SIZE)) {
+            for (int i = 0; i < rounds; i++) {
+                long start = System.nanoTime();
+                for (int call = 0; call < COUNTER_CALLS; call++) {
+                    sum += JniSkipListNative.getSkipListSize(handle);
+                }
+                long middle = System.nanoTime();
+                for (int call = 0; call < COUNTER_CALLS; call++) {
+                    sum += map.size();
+                }
+                raw[i] = (double) (middle - start) / COUNTER_CALLS;
+                layer[i] = (double) (System.nanoTime() - middle) / COUNTER_CALLS;
+            }
+        }
+        JniSkipListNative.destorySkipList(handle);
+        System.out.printf("a counter: raw %.1f ns, layer %.1f ns a call (median of %d)%n",
+                median(raw), median(layer), rounds);
+    }
+
+    private void replayRaw(boolean buffered) {
+        long map = JniSkipListNative.createSkipList(HEIGHT, SECTOR_SIZE);
+        JniSkipListNative.insert(map, FAR_AWAY, SECTOR_SIZE, 0, 1, 0, (byte) 0);
+        int number = 0;
+        int end = 0;
+        int writes = 0;
+        for (Request request : requests) {
+            long offset = request.offset();
+            int length = request.length();
+            if (request.kind() == 'R') {
+                long[] run = JniSkipListNative.getNodes(map, offset, length);
+                for (long node = run[0]; node != run[1]; node = JniSkipListNative.nextNode(node)) {
+                    sum += JniSkipListNative.getNodeIndexOffset(node)
+                            + JniSkipListNative.getNodeIndexLen(node)
+                            + Byte.toUnsignedInt(JniSkipListNative.getNodeFileNumber(node))
+                            + JniSkipListNative.getNodeFileOffset(node)
+                            + JniSkipListNative.getNodeFileMajorVer(node)
+                            + JniSkipListNative.getNodeFileMinorVer(node);
+                }
+            } else if (request.kind() == 'D') {
+                JniSkipListNative.insert(map, offset, length, -1, -1, -1, (byte) 0);
+            } else {
+                if (end + FileLocation.fileDistance(length, SECTOR_SIZE) > FILE_BYTES) {
+                    number = (number + 1) % 256;
+                    end = 0;
+                }
+                int begin = end;
+                if (buffered) {
+                    JniSkipListNative.insertWithBuff(map, offset, length, begin, 1, 0,
+                            (byte) number, bytes.slice(0, length));
+                } else {
+                    JniSkipListNative.insert(map, offset, length, begin, 1, 0, (byte) number);
+                }
+                end += (int) FileLocation.fileDistance(length, SECTOR_SIZE);
+                if (buffered && ++writes % RELEASE_INTERVAL == 0) {
+                    JniSkipListNative.compareAndRelease(
+                            map, offset, length, begin, 1, 0, (byte) number);
+                }
+            }
+        }
+        JniSkipListNative.destorySkipList(map);
+    }
+
+    private void replayLayer(boolean buffered) {
+        try (OffHeapRangeMap map = OffHeapRangeMap.create(HEIGHT, SECTOR_SIZE)) {
+            map.insert(FAR_AWAY, SECTOR_SIZE, new FileLocation(0, 0, 1, 0));
+            int number = 0;
+            int end = 0;
+            int writes = 0;
+            OffHeapRangeMap.Visitor visitor =
+                    (offset, len, file, fileOffset, majorVer, minorVer, range) ->
+                            sum += offset + len + file + fileOffset + majorVer + minorVer;
+            for (Request request : requests) {
+                long offset = request.offset();
+                int length = request.length();
+                if (request.kind() == 'R') {
+                    map.forEach(offset, length, visitor);
+                } else if (request.kind() == 'D') {
+                    map.insert(offset, length, FileLocation.EMPTY);
+                } else {
+                    if (end + FileLocation.fileDistance(length, SECTOR_SIZE) > FILE_BYTES) {
+                        number = (number + 1) % 256;
+                        end = 0;
+                    }
+                    FileLocation place = new FileLocation(number, end, 1, 0);
+                    if (buffered) {
+                        map.insert(offset, length, place, bytes);
+                    } else {
+                        map.insert(offset, length, place);
+                    }
+                    end += (int) FileLocation.fileDistance(length, SECTOR_SIZE);
+                    if (buffered && ++writes % RELEASE_INTERVAL == 0) {
+                        map.compareAndRelease(offset, length, place);
+                    }
+                }
+            }
+        }
+    }
+
+    private static double median(double[] values) {
+        double[] sorted = values.clone();
+        Arrays.sort(sorted);
+        return sorted[sorted.length / 2];
+    }
+
+    private static List<Request> read(String path) throws IOException {
+        List<Request> requests = new ArrayList<>();
+        try (BufferedReader lines = new BufferedReader(new InputStreamReader(
+                new GZIPInputStream(new FileInputStream(path)), StandardCharsets.US_ASCII))) {
+            for (String line = lines.readLine(); line != null; line = lines.readLine()) {
+                if (!line.startsWith("#")) {
+                    String[] fields = line.split(" ");
+                    requests.add(new Request(fields[1].charAt(0), Long.parseLong(fields[2]),
+                            Integer.parseInt(fields[3])));
+                }
+            }
+        }
+        return requests;
+    }
+}
