@@ -12,11 +12,16 @@ add_jar(skiplist-java-tests
   SOURCES
     ${tests}/replay/BlockStoreTest.java
     ${tests}/replay/BlockStoreThreadsTest.java
+    ${tests}/replay/CheckedMap.java
     ${tests}/replay/CheckedMapTest.java
+    ${tests}/replay/Location.java
     ${tests}/replay/MirrorTest.java
+    ${tests}/replay/Range.java
+    ${tests}/replay/RangeModel.java
     ${tests}/replay/RangeModelTest.java
     ${tests}/replay/RecordedTraceCases.java
     ${tests}/replay/Soak.java
+    ${tests}/replay/Timings.java
     ${tests}/replay/TraceReplayTest.java
     ${tests}/skiplist/BufferFailureTest.java
     ${tests}/skiplist/BufferOwnershipTest.java
