@@ -74,6 +74,10 @@ bool Data::equalsVer(std::unique_ptr<Data> other) const {
     return majorVer == other->majorVer && minorVer == other->minorVer;
 }
 
+void Data::skip(int bytes, int sectorSize) {
+    offset = advance(offset, bytes, sectorSize);
+}
+
 int Data::releaseBuff() {
     if (!buff) return 0;
     buff->release();

@@ -52,6 +52,10 @@ class Data {
     bool isEmpty() const { return majorVer == -1 && minorVer == -1 && offset == -1; }
     bool equalsVer(std::unique_ptr<Data> other) const;
 
+    // Moves the location on by `bytes` of its range.
+    // REQUIRES: no buffer, since that holds the bytes from the start; sectorSize != 0.
+    void skip(int bytes, int sectorSize);
+
     // Gives the buffer back to Java; 1 if there was one, else 0.
     int releaseBuff();
 

@@ -1,9 +1,9 @@
 // A logical byte range of the device: the key under which a map stores a file location.
 //
 // The range is half-open, [offset, end). Its end is computed here and nowhere else.
-// A record never changes after construction. It is accounted: 24 bytes from any constructor to
-// the destructor; a constructor throws jni_bad_alloc when that charge does not fit.
-// Threads: reading is free for all; nothing can be written.
+// Accounting: 24 bytes from any constructor to the destructor; a constructor throws jni_bad_alloc
+//   when that charge does not fit.
+// Threads: none at the same time as `set`.
 #pragma once
 
 #include <list>
@@ -26,6 +26,12 @@ class Index {
     // The end of a range, exclusive, in bytes. Wraps for a range that reaches past the last
     // 64-bit position.
     static long long endOf(long long offset, int len) { return wrapping::add(offset, len); }
+
+    // Makes it another range; the charge stays the same.
+    void set(long long newOffset, int newLen) {
+        offset = newOffset;
+        len = newLen;
+    }
 
     long long getOffset() const { return offset; }
     int getLen() const { return len; }

@@ -70,13 +70,13 @@ class Node {
     // As `next`, unchecked. REQUIRES: 0 <= i <= level.
     std::shared_ptr<Node>& linked(int i) const { return (*forward)[static_cast<std::size_t>(i)]; }
 
+    static constexpr int charge = 48;  // bytes
+
     std::unique_ptr<Index> index;
     std::unique_ptr<Data> data;
     int level;
     Arr forward;
 
   private:
-    static constexpr int charge = 48;
-
     [[noreturn]] static void throwOutOfRange();
 };

@@ -28,6 +28,18 @@ void assignIfOther(std::shared_ptr<Node>& entry, const std::shared_ptr<Node>& no
     if (entry != node) entry = node;
 }
 
+// Drops the references in a per-level array at the end of a scope.
+class ClearedAtEnd {
+  public:
+    explicit ClearedAtEnd(std::vector<std::shared_ptr<Node>>& levels) : entries(levels) {}
+    ClearedAtEnd(const ClearedAtEnd&) = delete;
+    ClearedAtEnd& operator=(const ClearedAtEnd&) = delete;
+    ~ClearedAtEnd() { std::fill(entries.begin(), entries.end(), nullptr); }
+
+  private:
+    std::vector<std::shared_ptr<Node>>& entries;
+};
+
 // The length of [start, end) as far as 32 bits hold it.
 int lengthOf(long long start, long long end) {
     return static_cast<int>(wrapping::subtract(end, start));
@@ -35,6 +47,13 @@ int lengthOf(long long start, long long end) {
 
 bool isLength(long long length) {
     return length == static_cast<int>(length);
+}
+
+// Whether two ranges touch or overlap.
+bool touch(const Index& a, const Index& b) {
+    return a.getOffset() < b.getOffset()
+               ? a.getEnd() >= b.getOffset()
+               : a.getOffset() == b.getOffset() || b.getEnd() >= a.getOffset();
 }
 
 long long summedLength(const Node::List& nodes) {
@@ -175,37 +194,42 @@ bool SkipList::isConnected(const std::unique_ptr<Index>& newIndex,
                            const std::unique_ptr<Data>& newData,
                            const std::unique_ptr<Index>& oldIndex,
                            const std::unique_ptr<Data>& oldData) const {
-    if (newData->isEmpty() && oldData->isEmpty()) {
-        return isEmptyDataConnected(newIndex, newData, oldIndex, oldData);
-    }
-    if (newData->isEmpty() || oldData->isEmpty()) return false;
-    // A buffer holds the bytes of its own range only.
-    if (newData->isMemoryType() || oldData->isMemoryType()) return false;
-    return isDataConnected(newIndex, newData, oldIndex, oldData);
+    return continues(*newIndex, *newData, *oldIndex, *oldData);
 }
 
 bool SkipList::isEmptyDataConnected(const std::unique_ptr<Index>& newIndex,
                                     const std::unique_ptr<Data>& /*newData*/,
                                     const std::unique_ptr<Index>& oldIndex,
                                     const std::unique_ptr<Data>& /*oldData*/) const {
-    const long long newOffset = newIndex->getOffset();
-    const long long oldOffset = oldIndex->getOffset();
-    if (newOffset < oldOffset && newIndex->getEnd() < oldOffset) return false;
-    return !(oldOffset < newOffset && oldIndex->getEnd() < newOffset);
+    return touch(*newIndex, *oldIndex);
 }
 
 bool SkipList::isDataConnected(const std::unique_ptr<Index>& newIndex,
                                const std::unique_ptr<Data>& newData,
                                const std::unique_ptr<Index>& oldIndex,
                                const std::unique_ptr<Data>& oldData) const {
-    if (newData->getMajorVer() != oldData->getMajorVer()) return false;
-    if (newData->getMinorVer() != oldData->getMinorVer()) return false;
-    if (newData->getNumber() != oldData->getNumber()) return false;
-    const long long distance = wrapping::subtract(newIndex->getOffset(), oldIndex->getOffset());
-    if (distance < 0 && newIndex->getEnd() < oldIndex->getOffset()) return false;
-    if (distance > 0 && oldIndex->getEnd() < newIndex->getOffset()) return false;
+    return touch(*newIndex, *oldIndex) && runsOn(*newIndex, *newData, *oldIndex, *oldData);
+}
+
+// The ranges come first: most neighbours do not touch, and their locations need not be read.
+bool SkipList::continues(const Index& newIndex, const Data& newData, const Index& oldIndex,
+                         const Data& oldData) const {
+    if (!touch(newIndex, oldIndex)) return false;
+    if (newData.isEmpty() || oldData.isEmpty()) return newData.isEmpty() && oldData.isEmpty();
+    // A buffer holds the bytes of its own range only.
+    if (newData.isMemoryType() || oldData.isMemoryType()) return false;
+    return runsOn(newIndex, newData, oldIndex, oldData);
+}
+
+// Whether one file holds both ranges exactly as far apart as the device does.
+bool SkipList::runsOn(const Index& newIndex, const Data& newData, const Index& oldIndex,
+                      const Data& oldData) const {
+    if (newData.getMajorVer() != oldData.getMajorVer()) return false;
+    if (newData.getMinorVer() != oldData.getMinorVer()) return false;
+    if (newData.getNumber() != oldData.getNumber()) return false;
+    const long long distance = wrapping::subtract(newIndex.getOffset(), oldIndex.getOffset());
     return Data::fileDistance(distance, sectorSize) ==
-           wrapping::subtract(newData->getOffset(), oldData->getOffset());
+           wrapping::subtract(newData.getOffset(), oldData.getOffset());
 }
 
 // --- Insert --------------------------------------------------------------------------------------
@@ -254,6 +278,9 @@ SkipList::Fusion SkipList::fuse(const std::unique_ptr<Index>& index,
 
 // The general way: every node that the range overlaps or continues is replaced by new ones.
 void SkipList::insertByReplacing(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data) {
+    // Whatever happens, the scratch arrays hold no node when a later insert takes one out.
+    const ClearedAtEnd before(*prevArr);
+    const ClearedAtEnd after(*nextArr);
     auto overlapped = Node::createList();
     findRange(index->getOffset(), index->getLen(), prevArr, nextArr, overlapped);
     // Plain pointers: a reference held here would outlive the list of replaced nodes, and the
@@ -275,105 +302,165 @@ void SkipList::insertByReplacing(std::unique_ptr<Index>& index, std::unique_ptr<
     insertNewNodes(fusedIndex, leftLeaves ? left->data : data, prevArr, nextArr, overlapped);
 }
 
-// The frequent ways, in which no stored node is replaced: a range that stands alone, one that
-// continues one neighbour, and one that overlaps a single stored range and continues none. False,
-// and nothing done, for any other.
+// The usual way: wherever a stored node can stand for a part of the result, it stays, with its
+// links, and only its records change.
+//
+//   stored   [----)[--)[--)[----)      [-----------)      [----)
+//   new         [------------)            [----)               [----)
+//   becomes  [-)[------------)[-)      [-)[----)[--)      [---------)
+//             one of the covered       the stored one      the neighbour
+//             becomes the new one      stays and two come  grows
+//
+// False, with nothing done, for what is rare: a range that continues one that it overlaps, both its
+// neighbours, the right one while it overlaps others, or one that covers no byte.
 bool SkipList::insertInPlace(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data) {
-    const std::shared_ptr<Node>& first =
-        descend(index->getOffset(), [this](int level, const auto& previous, const auto&) {
-            path[static_cast<std::size_t>(level)] = previous.get();
-        });
-    const bool overlapsNone = !startsBefore(first, index->getEnd());
-    const std::shared_ptr<Node>& next = overlapsNone ? first : first->linked(0);
-    if (!overlapsNone && startsBefore(next, index->getEnd())) return false;
-
-    Node& left = *path.front();
-    const Fusion fusion = fuse(index, data, left, *next);
-    if (overlapsNone && fusion.left != fusion.right) {
-        return grow(fusion.left ? left : *next, fusion, data);
-    }
-    if (fusion.left || fusion.right) return false;
-    if (overlapsNone) return insertAlone(index, data);
-    // A reference of its own: `first` is a link that is about to change.
-    const std::shared_ptr<Node> stored = first;
-    if (isConnected(index, data, stored->index, stored->data)) return false;
-    replaceOne(index, data, stored);
+    const Overlap overlap = findOverlap(*index);
+    const Fusion fusion = fuse(index, data, *path.front(), *overlap.next);
+    if (fusion.right && (fusion.left || overlap.count > 0)) return false;
+    if (fusion.left && overlap.outLeft) return false;
+    Node* const neighbour = fusion.left ? path.front() : fusion.right ? overlap.next : nullptr;
+    if (neighbour != nullptr && neighbour->getLen() <= 0) return false;
+    if (continuesOverlapped(*index, *data, fusion, overlap)) return false;
+    overlay(index, data, fusion, overlap, neighbour);
     return true;
 }
 
-bool SkipList::insertAlone(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data) {
-    const int len = index->getLen();
-    const auto added = Node::create(std::move(index), nullptr, randLevel());
-    added->data = std::move(data);
-    linkBehindPath(added);
-    ++size;
-    validLen = wrapping::add(validLen, len);
-    return true;
+// Notes the path to the range, and what it lies over.
+SkipList::Overlap SkipList::findOverlap(const Index& range) {
+    const std::shared_ptr<Node>* next =
+        &descend(range.getOffset(), [this](int level, const auto& previous, const auto&) {
+            path[static_cast<std::size_t>(level)] = previous.get();
+        });
+    Overlap overlap{};
+    overlap.first = next->get();
+    for (; startsBefore(*next, range.getEnd()); next = &(*next)->linked(0)) {
+        overlap.last = next->get();
+        overlap.bytes += overlap.last->getLen();
+        ++overlap.count;
+    }
+    overlap.next = next->get();
+    if (overlap.count > 0) {
+        overlap.outLeft = overlap.first->getOffset() < range.getOffset();
+        overlap.outRight = overlap.last->getEnd() > range.getEnd();
+    }
+    return overlap;
+}
+
+// Whether the range, together with the left neighbour that it continues, also continues a range
+// that sticks out.
+bool SkipList::continuesOverlapped(const Index& range, const Data& location, const Fusion& fusion,
+                                   const Overlap& overlap) const {
+    if (fusion.left) {
+        if (!overlap.outRight) return false;
+        const Index fused(fusion.offset, static_cast<int>(fusion.len));
+        return continues(fused, *path.front()->data, *overlap.last->index, *overlap.last->data);
+    }
+    const auto continued = [&](const Node& stored) {
+        return continues(range, location, *stored.index, *stored.data);
+    };
+    return (overlap.outLeft && continued(*overlap.first)) ||
+           (overlap.outRight && continued(*overlap.last));
+}
+
+// Lays the range over what is there. A neighbour, unless null, is the one that takes it in.
+void SkipList::overlay(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
+                       const Fusion& fusion, const Overlap& overlap, Node* neighbour) {
+    const long long start = index->getOffset();
+    const long long end = index->getEnd();
+    Node* const first = overlap.first;
+    Node* const last = overlap.last;
+    const bool splits = overlap.outLeft && overlap.outRight && first == last;
+    const bool keepsLast = overlap.outRight && !splits;
+    // The nodes from `covered` up to `behind` lie inside the range.
+    Node* const covered = overlap.outLeft ? first->linked(0).get() : first;
+    Node* const behind = keepsLast ? last : overlap.next;
+    Node* const kept = neighbour != nullptr ? neighbour : covered != behind ? covered : nullptr;
+    const long long gained = bytesGained(fusion, overlap, neighbour);
+
+    // First what may fail. An insert that needs no node is refused where one that does would be.
+    if (kept != nullptr) MemoryStat::checkMem(Node::charge);
+    auto leftPart = overlap.outLeft ? partOfBuffer(*first, first->getOffset(), start) : nullptr;
+    auto added = kept != nullptr ? nullptr : Node::create(std::move(index), nullptr, randLevel());
+    auto rest = splits ? cut(*last, end, last->getEnd()) : nullptr;
+    auto rightPart = keepsLast ? partOfBuffer(*last, end, last->getEnd()) : nullptr;
+
+    if (keepsLast) shorten(*last, end, last->getEnd(), std::move(rightPart));
+    if (overlap.outLeft) {
+        shorten(*first, first->getOffset(), start, std::move(leftPart));
+        passOver(*first);
+    }
+    if (kept == nullptr) {
+        added->data = std::move(data);
+        if (splits) linkBehindPath(std::move(rest));
+        linkBehindPath(std::move(added));
+    } else {
+        kept->index->set(fusion.offset, static_cast<int>(fusion.len));
+        // A range that grows to the right keeps its location, for its start stays where it is.
+        if (!fusion.left) kept->data = std::move(data);
+        if (neighbour == nullptr) passOver(*kept);
+        while (path.front()->linked(0).get() != behind) unlinkBehindPath();
+    }
+    validLen = wrapping::add(validLen, gained);
+}
+
+// What an insert adds to `validLen`. If the new range ends inside a stored one on one side only,
+// gaps between those that it overlaps do not count.
+long long SkipList::bytesGained(const Fusion& fusion, const Overlap& overlap,
+                                const Node* neighbour) {
+    const long long end = wrapping::add(fusion.offset, fusion.len);
+    if (overlap.outLeft && overlap.outRight) {
+        const long long covered =
+            wrapping::subtract(overlap.last->getEnd(), overlap.first->getOffset());
+        return wrapping::subtract(covered, overlap.bytes);
+    }
+    if (overlap.outLeft) return wrapping::subtract(end, overlap.last->getEnd());
+    if (overlap.outRight) {
+        const Node& first = neighbour != nullptr ? *neighbour : *overlap.first;
+        return wrapping::subtract(first.getOffset(), fusion.offset);
+    }
+    return fusion.len - overlap.bytes - (neighbour != nullptr ? neighbour->getLen() : 0);
+}
+
+// The location of the part [start, end) of a stored range that holds a buffer; else null.
+std::unique_ptr<Data> SkipList::partOfBuffer(const Node& node, long long start,
+                                             long long end) const {
+    if (!node.data->hasBuff()) return nullptr;
+    return Data::sliceData(node.data, lengthOf(node.getOffset(), start), lengthOf(start, end),
+                           sectorSize);
+}
+
+// Leaves a stored node the part [start, end) of its range, at the given location if it is not null.
+void SkipList::shorten(Node& node, long long start, long long end,
+                       std::unique_ptr<Data> part) const {
+    if (part) {
+        node.data = std::move(part);
+    } else {
+        node.data->skip(lengthOf(node.getOffset(), start), sectorSize);
+    }
+    node.index->set(start, lengthOf(start, end));
+}
+
+void SkipList::passOver(Node& node) {
+    std::fill_n(path.begin(), node.getLevel() + 1, &node);
 }
 
 // Links a node behind the last one before it at each of its levels.
-void SkipList::linkBehindPath(const std::shared_ptr<Node>& node) const {
-    for (int i = 0; i <= node->getLevel(); ++i) {
+void SkipList::linkBehindPath(std::shared_ptr<Node> node) {
+    for (int i = node->getLevel(); i >= 0; --i) {
         std::shared_ptr<Node>& link = path[static_cast<std::size_t>(i)]->linked(i);
         node->linked(i) = std::move(link);
-        link = node;
+        if (i > 0) link = node;
     }
+    path.front()->linked(0) = std::move(node);
+    ++size;
 }
 
-// Sequential writes: a neighbour takes the new range in. One that covers no byte does not.
-bool SkipList::grow(Node& neighbour, const Fusion& fusion, std::unique_ptr<Data>& data) {
-    if (neighbour.getLen() <= 0) return false;
-    const long long gained = fusion.len - neighbour.getLen();
-    neighbour.index = Index::create(fusion.offset, static_cast<int>(fusion.len));
-    if (fusion.right) neighbour.data = std::move(data);
-    validLen = wrapping::add(validLen, gained);
-    return true;
-}
-
-// A range over one stored range that lies elsewhere: most overwrites. The stored node stays, as the
-// part of its range that is left or, if none is, as the new range.
-//
-//   stored   [---------)         [---------)         [---------)        [------)
-//   new           [---------)  [-----)                  [---)         [----------)
-//   becomes  [stay)[--------)  [-----)[stay)         [st)[--)[--)     [---stay---)
-void SkipList::replaceOne(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
-                          const std::shared_ptr<Node>& stored) {
-    const long long newOff = index->getOffset();
-    const long long newEnd = index->getEnd();
-    const long long storedOff = stored->getOffset();
-    const long long storedEnd = stored->getEnd();
-    const bool outLeft = storedOff < newOff;
-    const bool outRight = storedEnd > newEnd;
-    if (!outLeft && !outRight) {
-        validLen =
-            wrapping::add(validLen, static_cast<long long>(index->getLen()) - stored->getLen());
-        stored->index = std::move(index);
-        stored->data = std::move(data);
-        return;
+void SkipList::unlinkBehindPath() {
+    const std::shared_ptr<Node> node = std::move(path.front()->linked(0));
+    for (int i = 0; i <= node->getLevel(); ++i) {
+        path[static_cast<std::size_t>(i)]->linked(i) = std::move(node->linked(i));
     }
-
-    const auto added = Node::create(std::move(index), nullptr, randLevel());
-    const auto rest = outLeft && outRight ? cut(*stored, newEnd, storedEnd) : nullptr;
-    const long long stayOff = outLeft ? storedOff : newEnd;
-    auto stayIndex = Index::create(stayOff, lengthOf(stayOff, outLeft ? newOff : storedEnd));
-    // The start of a range keeps its location, though not the whole of its buffer.
-    std::unique_ptr<Data> stayData;
-    if (!outLeft || stored->data->hasBuff()) {
-        stayData = Data::sliceData(stored->data, lengthOf(storedOff, stayOff), stayIndex->getLen(),
-                                   sectorSize);
-    }
-
-    // Nothing can fail any more.
-    added->data = std::move(data);
-    stored->index = std::move(stayIndex);
-    if (stayData) stored->data = std::move(stayData);
-    // What sticks out on the left comes before the new nodes at each of its levels.
-    if (outLeft) std::fill_n(path.begin(), stored->getLevel() + 1, stored.get());
-    if (rest) linkBehindPath(rest);
-    linkBehindPath(added);
-    size += rest ? 2 : 1;
-    if (!outRight) validLen = wrapping::add(validLen, wrapping::subtract(newEnd, storedEnd));
-    if (!outLeft) validLen = wrapping::add(validLen, wrapping::subtract(storedOff, newOff));
+    --size;
 }
 
 void SkipList::insertNewNodes(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,

@@ -12,7 +12,7 @@
 //   (3) `size` is the number of nodes between the sentinels, and `validLen` the sum of their
 //       lengths. The latter is exact unless an insert covers the gap between two stored ranges and
 //       only one of its ends lies inside a stored range: such a gap is not added to `validLen`.
-//   (4) Between two operations the scratch arrays hold linked nodes and sentinels only.
+//   (4) Between two operations the scratch arrays hold nothing.
 //   (5) Every buffer of a stored range is given back through this map's `env`.
 //   All five hold for ranges of positive length that end below the largest 64-bit position. Other
 //   ranges are processed as they stand: links stay sound, order is then the caller's loss.
@@ -136,7 +136,7 @@ class SkipList {
     void updateMiddle(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
                       Node::List& overlapped, Node::List& newNodes);
 
-    // The neighbours of a range that replaces nodes; written whole before they are read.
+    // The neighbours of a range while it replaces nodes.
     Node::Arr prevArr;
     Node::Arr nextArr;
 
@@ -170,6 +170,17 @@ class SkipList {
         long long len;
     };
 
+    // What a new range lies over.
+    struct Overlap {
+        Node* first;  // the first stored range that shares a byte with it, or `next`
+        Node* last;   // the last one, null if there is none
+        Node* next;   // the one behind, or `tail`
+        int count;
+        long long bytes;  // summed lengths
+        bool outLeft;     // the first one begins before the new range
+        bool outRight;    // the last one ends behind it
+    };
+
     const std::shared_ptr<Node>& firstEndingAfter(long long key) const;
     template <typename Note>
     const std::shared_ptr<Node>& descend(long long key, Note note) const;
@@ -177,21 +188,33 @@ class SkipList {
     template <typename Visit>
     void forEachOverlapped(const Index& range, Visit visit) const;
 
+    bool continues(const Index& newIndex, const Data& newData, const Index& oldIndex,
+                   const Data& oldData) const;
+    bool runsOn(const Index& newIndex, const Data& newData, const Index& oldIndex,
+                const Data& oldData) const;
     Fusion fuse(const std::unique_ptr<Index>& index, const std::unique_ptr<Data>& data,
                 const Node& left, const Node& right) const;
-    bool insertInPlace(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data);
+
     void insertByReplacing(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data);
-    bool insertAlone(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data);
-    bool grow(Node& neighbour, const Fusion& fusion, std::unique_ptr<Data>& data);
-    void replaceOne(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
-                    const std::shared_ptr<Node>& stored);
-    void linkBehindPath(const std::shared_ptr<Node>& node) const;
+    bool insertInPlace(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data);
+    Overlap findOverlap(const Index& range);
+    bool continuesOverlapped(const Index& range, const Data& location, const Fusion& fusion,
+                             const Overlap& overlap) const;
+    void overlay(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data, const Fusion& fusion,
+                 const Overlap& overlap, Node* neighbour);
+    static long long bytesGained(const Fusion& fusion, const Overlap& overlap,
+                                 const Node* neighbour);
+    std::unique_ptr<Data> partOfBuffer(const Node& node, long long start, long long end) const;
+    void shorten(Node& node, long long start, long long end, std::unique_ptr<Data> part) const;
+    void passOver(Node& node);
+    void linkBehindPath(std::shared_ptr<Node> node);
+    void unlinkBehindPath();
 
     std::shared_ptr<Node> cut(const Node& source, long long start, long long end);
     Node& append(Node::List& newNodes, std::shared_ptr<Node> node) const;
     void countReplaced(const Node::List& overlapped, const Node::List& newNodes,
                        long long coveredBytes);
 
-    // For each level the last node before the range of a running insertInPlace.
+    // For each level the last node before the place at which a running insertInPlace works.
     std::vector<Node*> path;
 };
