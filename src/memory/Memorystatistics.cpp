@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -20,6 +21,10 @@ long long globalTotal() {
 // would first ask each time whether its destructor has been registered for this thread.
 constinit thread_local Stats* currentRecord = nullptr;
 
+// The batches open on this thread, and what they have not recorded yet.
+constinit thread_local int openBatches = 0;
+constinit thread_local long long unrecorded = 0;  // bytes
+
 // Records `delta` on the calling thread's record, making one if there is none that takes it.
 void recordOnThread(long long delta) {
     if (currentRecord != nullptr && currentRecord->changeAndTryMove(delta)) return;
@@ -34,6 +39,19 @@ void recordOnThread(long long delta) {
         thr_local_stats = std::move(fresh);
     }
     currentRecord = thr_local_stats.get();
+}
+
+// As above. If no record can be made, the global total takes it, so that it is not lost.
+void recordAnyway(long long delta) noexcept {
+    try {
+        recordOnThread(delta);
+    } catch (const std::bad_alloc&) {
+        MemoryStat::globalStats->changeAndTryMove(delta);
+    }
+}
+
+void recordBatch() noexcept {
+    if (unrecorded != 0) recordAnyway(std::exchange(unrecorded, 0));
 }
 
 [[noreturn]] void refuse(long long max, long long old, long long delta) {
@@ -76,11 +94,13 @@ const char* jni_bad_alloc::what() const noexcept {
 
 void MemoryStat::statsMem(long long delta) {
     if (delta > 0) checkMem(delta);
-    try {
+    if (openBatches > 0) {
+        unrecorded += delta;
+        if (std::abs(unrecorded) >= ChargeBatch::bound) recordBatch();
+    } else if (delta > 0) {
         recordOnThread(delta);
-    } catch (const std::bad_alloc&) {
-        if (delta > 0) throw;
-        globalStats->changeAndTryMove(delta);
+    } else {
+        recordAnyway(delta);
     }
 }
 
@@ -110,4 +130,12 @@ bool MemoryStat::checkAccessTm() {
 long long MemoryStat::getTimeStamp() {
     const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
     return std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch).count();
+}
+
+ChargeBatch::ChargeBatch() {
+    ++openBatches;
+}
+
+ChargeBatch::~ChargeBatch() {
+    if (--openBatches == 0) recordBatch();
 }

@@ -11,9 +11,13 @@
 //       credits for which no thread record could be allocated. The limit judges each charge
 //       against that total, not against the live sum of all threads.
 //   (3) A credit never fails: it runs in destructors.
+//   (4) While a ChargeBatch is open on a thread, at most `ChargeBatch::bound` bytes of what that
+//       thread charged or credited are not yet in its record. No limit judges them: that looks at
+//       the total of the last sweep.
 // Threads: everything may be called from any thread. The members read without a lock are relaxed
 // atomics: each is a number of its own, and none guards other data.
-// Cost: a charge is one comparison and one uncontended lock; a sweep visits every thread's record.
+// Cost: a charge is one comparison and one uncontended lock, and in a batch an addition in place of
+//   the lock; a sweep visits every thread's record.
 #pragma once
 
 #include <atomic>
@@ -67,6 +71,18 @@ class MemoryStat {
     // library, and their charges must not meet a destroyed registry.
     static StatsMap& statsMap;
     static std::shared_ptr<Stats>& globalStats;
+};
+
+// While it lives, the charges and credits of the calling thread are summed up and recorded as one.
+// An operation that makes and drops many records opens one. They nest; the outermost records.
+class ChargeBatch {
+  public:
+    static constexpr long long bound = 65536;  // bytes
+
+    ChargeBatch();
+    ~ChargeBatch();
+    ChargeBatch(const ChargeBatch&) = delete;
+    ChargeBatch& operator=(const ChargeBatch&) = delete;
 };
 
 // The calling thread's record; empty until its first charge.

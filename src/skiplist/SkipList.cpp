@@ -82,6 +82,7 @@ SkipList::SkipList(std::shared_ptr<Env>& sharedEnv, int height, int bytesPerSect
 }
 
 SkipList::~SkipList() {
+    const ChargeBatch batch;
     // Unlinks node by node, so that no node's destruction can set off that of its successors.
     std::shared_ptr<Node> current = head->nextNode();
     while (current != tail) {
@@ -236,6 +237,7 @@ bool SkipList::runsOn(const Index& newIndex, const Data& newData, const Index& o
 
 void SkipList::insert(long long offset, int len, int fileOffset, int majorVer, int minorVer,
                       unsigned char number) {
+    const ChargeBatch batch;
     auto index = Index::create(offset, len);
     auto data = Data::create(0, fileOffset, majorVer, minorVer, number);
     insert(index, data);
@@ -243,6 +245,7 @@ void SkipList::insert(long long offset, int len, int fileOffset, int majorVer, i
 
 void SkipList::insert(long long offset, int len, int fileOffset, int majorVer, int minorVer,
                       unsigned char number, std::unique_ptr<Buff>&& buff) {
+    const ChargeBatch batch;
     auto index = Index::create(offset, len);
     auto data = Data::create(1, fileOffset, majorVer, minorVer, number, std::move(buff));
     insert(index, data);
@@ -644,6 +647,7 @@ void SkipList::link(Node::Arr& predecessors, Node::Arr& successors, Node::List& 
 
 bool SkipList::compareAndSet(std::unique_ptr<Index>& index, std::unique_ptr<Data>& expected,
                              std::unique_ptr<Data>& newData) {
+    const ChargeBatch batch;
     // All pieces are found before the first insert changes what is there. They are records of
     // their own: references to the nodes would keep whole chains of replaced ones alive.
     auto pieces = Index::createList();
@@ -697,6 +701,7 @@ long long SkipList::release() {
 }
 
 void SkipList::copyTo(SkipList* destination) {
+    const ChargeBatch batch;
     // A reference of its own, in case a map is copied into itself and so replaces this very node.
     for (std::shared_ptr<Node> node = head->nextNode(); node != tail; node = node->nextNode()) {
         auto index = Index::create(node->getOffset(), node->getLen());
