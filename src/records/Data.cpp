@@ -58,7 +58,7 @@ std::unique_ptr<Data> Data::create(const Data& src) {
 }
 
 std::unique_ptr<Data> Data::createEmpty() {
-    return create(0, -1, -1, -1, 0);
+    return std::make_unique<Data>();
 }
 
 std::unique_ptr<Data> Data::sliceData(const std::unique_ptr<Data>& src, int skip, int len,
@@ -76,6 +76,15 @@ bool Data::equalsVer(std::unique_ptr<Data> other) const {
 
 void Data::skip(int bytes, int sectorSize) {
     offset = advance(offset, bytes, sectorSize);
+}
+
+void Data::take(Data& other) {
+    type = other.type;
+    number = other.number;
+    offset = other.offset;
+    majorVer = other.majorVer;
+    minorVer = other.minorVer;
+    buff = std::move(other.buff);
 }
 
 int Data::releaseBuff() {

@@ -15,6 +15,8 @@
 
 class Data {
   public:
+    // The empty location.
+    Data() : Data(0, -1, -1, -1, 0) {}
     Data(int type, int offset, int majorVer, int minorVer, unsigned char number);
     Data(int type, int offset, int majorVer, int minorVer, unsigned char number,
          std::unique_ptr<Buff>&& buff);
@@ -55,6 +57,10 @@ class Data {
     // Moves the location on by `bytes` of its range.
     // REQUIRES: no buffer, since that holds the bytes from the start; sectorSize != 0.
     void skip(int bytes, int sectorSize);
+
+    // Becomes the location `other`, and takes its buffer from it. A buffer held so far is given
+    // back to Java.
+    void take(Data& other);
 
     // Gives the buffer back to Java; 1 if there was one, else 0.
     int releaseBuff();

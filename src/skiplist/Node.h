@@ -1,8 +1,12 @@
 // One stored range of a map: its key, its file location and its links to the nodes after it.
 //
+// Everything but the links' array lies in one block of memory, so that a search that reads a node's
+// key has its way on in the cache.
+//
 // Invariants
 //   (1) `forward` has `level + 1` entries from construction until the map is destroyed.
-//   (2) A node that is linked in a map has its `index` and its `data`, always.
+//   (2) `index`, `data` and `forward` point into the node itself. They own what they point to as
+//       long as they stay: a location goes to another node by Data::take, never by its pointer.
 // Ownership: a node owns both records and shares its successors. Nodes are held by the links of
 //   their map and by the arrays and lists of a running operation. A handle given to Java is the
 //   plain address and holds nothing.
@@ -28,14 +32,18 @@ class Node {
     using Arr = std::unique_ptr<std::vector<std::shared_ptr<Node>>>;
     using List = std::unique_ptr<std::list<std::shared_ptr<Node>>>;
 
-    // Throws jni_bad_alloc or std::bad_alloc; records already moved in are destroyed with it.
-    Node(std::unique_ptr<Index>&& range, std::unique_ptr<Data>&& location, int topLevel);
+    // A node with the empty location. All of these throw jni_bad_alloc or std::bad_alloc.
+    Node(const Index& range, int topLevel);
+    static std::shared_ptr<Node> create(const Index& range, int level);
+    // As above, and takes the location, with its buffer, from a record of the caller's.
+    static std::shared_ptr<Node> create(const Index& range, Data& location, int level);
+    // As above, and ends both records.
+    static std::shared_ptr<Node> create(std::unique_ptr<Index>&& index,
+                                        std::unique_ptr<Data>&& data, int level);
+
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
     ~Node();
-
-    static std::shared_ptr<Node> create(std::unique_ptr<Index>&& index,
-                                        std::unique_ptr<Data>&& data, int level);
 
     // `n` null references; throws std::bad_alloc if `n` is negative.
     static Arr createArr(int n);
@@ -50,15 +58,15 @@ class Node {
         return entries[position];
     }
 
-    long long getOffset() const { return index->getOffset(); }
-    int getLen() const { return index->getLen(); }
-    long long getEnd() const { return index->getEnd(); }
+    long long getOffset() const { return ownIndex.getOffset(); }
+    int getLen() const { return ownIndex.getLen(); }
+    long long getEnd() const { return ownIndex.getEnd(); }
     int getLevel() const { return level; }
-    bool getFileType() const { return data->getType(); }
-    int getFileOffset() const { return data->getOffset(); }
-    int getFileMajorVer() const { return data->getMajorVer(); }
-    int getFileMinorVer() const { return data->getMinorVer(); }
-    int getFileNumber() const { return data->getNumber(); }
+    bool getFileType() const { return ownData.getType(); }
+    int getFileOffset() const { return ownData.getOffset(); }
+    int getFileMajorVer() const { return ownData.getMajorVer(); }
+    int getFileMinorVer() const { return ownData.getMinorVer(); }
+    int getFileNumber() const { return ownData.getNumber(); }
     Buff* getFileBuff() const { return data->getBuff(); }
 
     // Gives the buffer back to Java; the node's length in bytes if there was one, else 0.
@@ -68,7 +76,10 @@ class Node {
     std::shared_ptr<Node>& next(int i) const { return at(*forward, i); }
     std::shared_ptr<Node> nextNode() const { return next(0); }
     // As `next`, unchecked. REQUIRES: 0 <= i <= level.
-    std::shared_ptr<Node>& linked(int i) const { return (*forward)[static_cast<std::size_t>(i)]; }
+    std::shared_ptr<Node>& linked(int i) { return ownForward[static_cast<std::size_t>(i)]; }
+    const std::shared_ptr<Node>& linked(int i) const {
+        return ownForward[static_cast<std::size_t>(i)];
+    }
 
     static constexpr int charge = 48;  // bytes
 
@@ -79,4 +90,8 @@ class Node {
 
   private:
     [[noreturn]] static void throwOutOfRange();
+
+    Index ownIndex;
+    Data ownData;
+    std::vector<std::shared_ptr<Node>> ownForward;
 };

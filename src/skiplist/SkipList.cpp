@@ -20,7 +20,7 @@ constexpr double promotionProbability = 0.25;
 constexpr int longestWalk = 16;
 
 std::shared_ptr<Node> createSentinel(long long position, int level) {
-    return Node::create(Index::create(position, 0), Data::createEmpty(), level);
+    return Node::create(Index(position, 0), level);
 }
 
 // An assignment costs two atomic operations; most entries stay what they were.
@@ -75,7 +75,7 @@ SkipList::SkipList(std::shared_ptr<Env>& sharedEnv, int height, int bytesPerSect
       sectorSize(bytesPerSector),
       head(createSentinel(firstPosition, maxLevel)),
       tail(createSentinel(lastPosition, maxLevel)),
-      path(static_cast<std::size_t>(height)) {
+      path(static_cast<std::size_t>(height), head.get()) {
     for (int i = maxLevel; i >= 0; --i) head->next(i) = tail;
     // Last: what follows a charge must not fail, for a map that is not built credits nothing.
     MemoryStat::statsMem(charge);
@@ -115,11 +115,11 @@ void SkipList::setJNIEnv(JNIEnv* jniEnv) {
 // `key` and the one after it; returned is the latter at level 0. No entry needs a check: a node
 // that is met on a level is linked there.
 template <typename Note>
-const std::shared_ptr<Node>& SkipList::descend(long long key, Note note) const {
+const std::shared_ptr<Node>& SkipList::descend(long long key, int from, Note note) const {
     const std::shared_ptr<Node>* x = &head;
-    for (int i = maxLevel; i >= 0; --i) {
+    for (int i = from; i >= 0; --i) {
         const std::shared_ptr<Node>* next = &(*x)->linked(i);
-        while (*next != tail && (*next)->getEnd() <= key) {
+        while ((*next)->getEnd() <= key && *next != tail) {
             x = next;
             next = &(*x)->linked(i);
         }
@@ -129,7 +129,7 @@ const std::shared_ptr<Node>& SkipList::descend(long long key, Note note) const {
 }
 
 const std::shared_ptr<Node>& SkipList::firstEndingAfter(long long key) const {
-    return descend(key, [](int, const auto&, const auto&) {});
+    return descend(key, topLevel, [](int, const auto&, const auto&) {});
 }
 
 std::shared_ptr<Node> SkipList::findEqualGreater(long long key) const {
@@ -165,7 +165,7 @@ void SkipList::findRange(long long offset, int len, Node::Arr& predecessors, Nod
     std::shared_ptr<Node>* const before = &Node::at(*predecessors, maxLevel) - maxLevel;
     std::shared_ptr<Node>* const after = &Node::at(*successors, maxLevel) - maxLevel;
     const std::shared_ptr<Node>* node =
-        &descend(offset, [&](int level, const auto& previous, const auto& next) {
+        &descend(offset, maxLevel, [&](int level, const auto& previous, const auto& next) {
             assignIfOther(before[level], previous);
             assignIfOther(after[level], next);
         });
@@ -238,40 +238,42 @@ bool SkipList::runsOn(const Index& newIndex, const Data& newData, const Index& o
 void SkipList::insert(long long offset, int len, int fileOffset, int majorVer, int minorVer,
                       unsigned char number) {
     const ChargeBatch batch;
-    auto index = Index::create(offset, len);
-    auto data = Data::create(0, fileOffset, majorVer, minorVer, number);
+    const Index index(offset, len);
+    Data data(0, fileOffset, majorVer, minorVer, number);
     insert(index, data);
 }
 
 void SkipList::insert(long long offset, int len, int fileOffset, int majorVer, int minorVer,
                       unsigned char number, std::unique_ptr<Buff>&& buff) {
     const ChargeBatch batch;
-    auto index = Index::create(offset, len);
-    auto data = Data::create(1, fileOffset, majorVer, minorVer, number, std::move(buff));
+    const Index index(offset, len);
+    Data data(1, fileOffset, majorVer, minorVer, number, std::move(buff));
     insert(index, data);
 }
 
 void SkipList::insert(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data) {
-    const int len = index->getLen();
-    if (!insertInPlace(index, data)) insertByReplacing(index, data);
+    insert(*index, *data);
+}
+
+void SkipList::insert(const Index& range, Data& location) {
+    if (!insertInPlace(range, location)) insertByReplacing(range, location);
     rawCount = wrapping::add(rawCount, 1);
-    rawLen = wrapping::add(rawLen, len);
+    rawLen = wrapping::add(rawLen, range.getLen());
 }
 
 // Which of its two neighbours a range continues, and the range that they are together. A length
 // that 32 bits do not hold is not made: the left neighbour is tried first, then the right one
 // added.
-SkipList::Fusion SkipList::fuse(const std::unique_ptr<Index>& index,
-                                const std::unique_ptr<Data>& data, const Node& left,
+SkipList::Fusion SkipList::fuse(const Index& range, const Data& location, const Node& left,
                                 const Node& right) const {
-    Fusion fusion{false, false, index->getOffset(), index->getLen()};
-    if (&left != head.get() && isConnected(index, data, left.index, left.data) &&
+    Fusion fusion{false, false, range.getOffset(), range.getLen()};
+    if (&left != head.get() && continues(range, location, *left.index, *left.data) &&
         isLength(fusion.len + left.getLen())) {
         fusion.left = true;
         fusion.offset = left.getOffset();
         fusion.len += left.getLen();
     }
-    if (&right != tail.get() && isConnected(index, data, right.index, right.data) &&
+    if (&right != tail.get() && continues(range, location, *right.index, *right.data) &&
         isLength(fusion.len + right.getLen())) {
         fusion.right = true;
         fusion.len += right.getLen();
@@ -280,29 +282,29 @@ SkipList::Fusion SkipList::fuse(const std::unique_ptr<Index>& index,
 }
 
 // The general way: every node that the range overlaps or continues is replaced by new ones.
-void SkipList::insertByReplacing(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data) {
+void SkipList::insertByReplacing(const Index& range, Data& location) {
     // Whatever happens, the scratch arrays hold no node when a later insert takes one out.
     const ClearedAtEnd before(*prevArr);
     const ClearedAtEnd after(*nextArr);
     auto overlapped = Node::createList();
-    findRange(index->getOffset(), index->getLen(), prevArr, nextArr, overlapped);
+    findRange(range.getOffset(), range.getLen(), prevArr, nextArr, overlapped);
     // Plain pointers: a reference held here would outlive the list of replaced nodes, and the
     // whole chain of them would hang on it.
     Node* const left = Node::at(*prevArr, 0).get();
     const Node* const right = Node::at(*nextArr, 0).get();
-    const Fusion fusion = fuse(index, data, *left, *right);
-    if (!fusion.left && !fusion.right) {
-        insertNewNodes(index, data, prevArr, nextArr, overlapped);
-        return;
+    const Fusion fusion = fuse(range, location, *left, *right);
+    auto index = Index::create(fusion.offset, static_cast<int>(fusion.len));
+    if (fusion.left || fusion.right) {
+        overlapped->clear();
+        findRange(fusion.offset, index->getLen(), prevArr, nextArr, overlapped);
     }
-    auto fusedIndex = Index::create(fusion.offset, static_cast<int>(fusion.len));
-    overlapped->clear();
-    findRange(fusion.offset, fusedIndex->getLen(), prevArr, nextArr, overlapped);
     // The fused range begins where the left neighbour's bytes do and so takes its location, unless
     // that neighbour covers no byte: then it is not replaced and keeps its own.
     const bool leftLeaves =
         fusion.left && !overlapped->empty() && overlapped->front().get() == left;
-    insertNewNodes(fusedIndex, leftLeaves ? left->data : data, prevArr, nextArr, overlapped);
+    auto data = Data::createEmpty();
+    data->take(location);
+    insertNewNodes(index, leftLeaves ? left->data : data, prevArr, nextArr, overlapped);
 }
 
 // The usual way: wherever a stored node can stand for a part of the result, it stays, with its
@@ -316,22 +318,22 @@ void SkipList::insertByReplacing(std::unique_ptr<Index>& index, std::unique_ptr<
 //
 // False, with nothing done, for what is rare: a range that continues one that it overlaps, both its
 // neighbours, the right one while it overlaps others, or one that covers no byte.
-bool SkipList::insertInPlace(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data) {
-    const Overlap overlap = findOverlap(*index);
-    const Fusion fusion = fuse(index, data, *path.front(), *overlap.next);
+bool SkipList::insertInPlace(const Index& range, Data& location) {
+    const Overlap overlap = findOverlap(range);
+    const Fusion fusion = fuse(range, location, *path.front(), *overlap.next);
     if (fusion.right && (fusion.left || overlap.count > 0)) return false;
     if (fusion.left && overlap.outLeft) return false;
     Node* const neighbour = fusion.left ? path.front() : fusion.right ? overlap.next : nullptr;
     if (neighbour != nullptr && neighbour->getLen() <= 0) return false;
-    if (continuesOverlapped(*index, *data, fusion, overlap)) return false;
-    overlay(index, data, fusion, overlap, neighbour);
+    if (continuesOverlapped(range, location, fusion, overlap)) return false;
+    overlay(range, location, fusion, overlap, neighbour);
     return true;
 }
 
 // Notes the path to the range, and what it lies over.
 SkipList::Overlap SkipList::findOverlap(const Index& range) {
     const std::shared_ptr<Node>* next =
-        &descend(range.getOffset(), [this](int level, const auto& previous, const auto&) {
+        &descend(range.getOffset(), topLevel, [this](int level, const auto& previous, const auto&) {
             path[static_cast<std::size_t>(level)] = previous.get();
         });
     Overlap overlap{};
@@ -366,10 +368,10 @@ bool SkipList::continuesOverlapped(const Index& range, const Data& location, con
 }
 
 // Lays the range over what is there. A neighbour, unless null, is the one that takes it in.
-void SkipList::overlay(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
-                       const Fusion& fusion, const Overlap& overlap, Node* neighbour) {
-    const long long start = index->getOffset();
-    const long long end = index->getEnd();
+void SkipList::overlay(const Index& range, Data& location, const Fusion& fusion,
+                       const Overlap& overlap, Node* neighbour) {
+    const long long start = range.getOffset();
+    const long long end = range.getEnd();
     Node* const first = overlap.first;
     Node* const last = overlap.last;
     const bool splits = overlap.outLeft && overlap.outRight && first == last;
@@ -383,7 +385,7 @@ void SkipList::overlay(std::unique_ptr<Index>& index, std::unique_ptr<Data>& dat
     // First what may fail. An insert that needs no node is refused where one that does would be.
     if (kept != nullptr) MemoryStat::checkMem(Node::charge);
     auto leftPart = overlap.outLeft ? partOfBuffer(*first, first->getOffset(), start) : nullptr;
-    auto added = kept != nullptr ? nullptr : Node::create(std::move(index), nullptr, randLevel());
+    auto added = kept != nullptr ? nullptr : Node::create(range, randLevel());
     auto rest = splits ? cut(*last, end, last->getEnd()) : nullptr;
     auto rightPart = keepsLast ? partOfBuffer(*last, end, last->getEnd()) : nullptr;
 
@@ -393,13 +395,13 @@ void SkipList::overlay(std::unique_ptr<Index>& index, std::unique_ptr<Data>& dat
         passOver(*first);
     }
     if (kept == nullptr) {
-        added->data = std::move(data);
+        added->data->take(location);
         if (splits) linkBehindPath(std::move(rest));
         linkBehindPath(std::move(added));
     } else {
         kept->index->set(fusion.offset, static_cast<int>(fusion.len));
         // A range that grows to the right keeps its location, for its start stays where it is.
-        if (!fusion.left) kept->data = std::move(data);
+        if (!fusion.left) kept->data->take(location);
         if (neighbour == nullptr) passOver(*kept);
         while (path.front()->linked(0).get() != behind) unlinkBehindPath();
     }
@@ -436,7 +438,7 @@ std::unique_ptr<Data> SkipList::partOfBuffer(const Node& node, long long start,
 void SkipList::shorten(Node& node, long long start, long long end,
                        std::unique_ptr<Data> part) const {
     if (part) {
-        node.data = std::move(part);
+        node.data->take(*part);
     } else {
         node.data->skip(lengthOf(node.getOffset(), start), sectorSize);
     }
@@ -503,8 +505,8 @@ Node::List SkipList::create(std::unique_ptr<Index>& index, std::unique_ptr<Data>
 //   becomes  [------------------)
 void SkipList::replaceAll(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
                           Node::List& overlapped, Node::List& newNodes) {
-    Node& whole = append(newNodes, Node::create(std::move(index), nullptr, randLevel()));
-    whole.data = std::move(data);
+    Node& whole = append(newNodes, Node::create(*index, randLevel()));
+    whole.data->take(*data);
     countReplaced(overlapped, newNodes, whole.getLen() - summedLength(overlapped));
 }
 
@@ -521,9 +523,9 @@ void SkipList::expandLeft(std::unique_ptr<Index>& index, std::unique_ptr<Data>& 
     const bool fuses = isConnected(index, data, last.index, last.data) &&
                        lengthOf(newOff, lastEnd) != longestRange;
     if (fuses) index = Index::create(newOff, lengthOf(newOff, lastEnd));
-    Node& left = append(newNodes, Node::create(std::move(index), nullptr, randLevel()));
+    Node& left = append(newNodes, Node::create(*index, randLevel()));
     if (!fuses) append(newNodes, cut(last, newEnd, lastEnd));
-    left.data = std::move(data);
+    left.data->take(*data);
     // Gaps between the overlapped ranges are not counted.
     countReplaced(overlapped, newNodes,
                   wrapping::subtract(overlapped->front()->getOffset(), newOff));
@@ -545,8 +547,8 @@ void SkipList::expandRight(std::unique_ptr<Index>& index, std::unique_ptr<Data>&
     } else {
         append(newNodes, cut(first, firstOff, newOff));
     }
-    Node& right = append(newNodes, Node::create(std::move(index), nullptr, randLevel()));
-    right.data = std::move(fuses ? first.data : data);
+    Node& right = append(newNodes, Node::create(*index, randLevel()));
+    right.data->take(fuses ? *first.data : *data);
     // Gaps between the overlapped ranges are not counted.
     countReplaced(overlapped, newNodes, wrapping::subtract(newEnd, overlapped->back()->getEnd()));
 }
@@ -578,9 +580,9 @@ void SkipList::updateMiddle(std::unique_ptr<Index>& index, std::unique_ptr<Data>
     if (!fusesLeft) append(newNodes, cut(first, firstOff, newOff));
     if (fusesLeft || fusesRight) index = Index::create(fusedOff, lengthOf(fusedOff, fusedEnd));
     const int level = fusesLeft ? first.getLevel() : randLevel();
-    Node& middle = append(newNodes, Node::create(std::move(index), nullptr, level));
+    Node& middle = append(newNodes, Node::create(*index, level));
     if (fusedEnd == newEnd) append(newNodes, cut(last, newEnd, lastEnd));
-    middle.data = std::move(fusesLeft ? first.data : data);
+    middle.data->take(fusesLeft ? *first.data : *data);
     countReplaced(
         overlapped, newNodes,
         wrapping::subtract(wrapping::subtract(lastEnd, firstOff), summedLength(overlapped)));
@@ -590,9 +592,9 @@ void SkipList::updateMiddle(std::unique_ptr<Index>& index, std::unique_ptr<Data>
 std::shared_ptr<Node> SkipList::cut(const Node& source, long long start, long long end) {
     const int len = lengthOf(start, end);
     const int skip = lengthOf(source.getOffset(), start);
-    auto index = Index::create(start, len);
-    auto data = Data::sliceData(source.data, skip, len, sectorSize);
-    return Node::create(std::move(index), std::move(data), randLevel());
+    const Index range(start, len);
+    Data location(*source.data, skip, len, sectorSize);
+    return Node::create(range, location, randLevel());
 }
 
 // Appends a node and links those before it to it.
@@ -612,6 +614,7 @@ int SkipList::randLevel() {
     int level = 0;
     // The draw comes before the test of the cap: a call that reaches it has drawn once more.
     while ((*distribution)(*engine) < promotionProbability && level < maxLevel) ++level;
+    topLevel = std::max(topLevel, level);
     return level;
 }
 
@@ -704,10 +707,10 @@ void SkipList::copyTo(SkipList* destination) {
     const ChargeBatch batch;
     // A reference of its own, in case a map is copied into itself and so replaces this very node.
     for (std::shared_ptr<Node> node = head->nextNode(); node != tail; node = node->nextNode()) {
-        auto index = Index::create(node->getOffset(), node->getLen());
-        auto data = Data::create(*node->data);
+        const Index index(*node->index);
+        Data data(*node->data);
         // From here on the buffer is the destination's, and given back through its environment.
-        if (data->hasBuff()) data->buff->env = destination->env;
+        if (data.hasBuff()) data.buff->env = destination->env;
         destination->insert(index, data);
     }
 }

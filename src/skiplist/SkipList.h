@@ -88,7 +88,7 @@ class SkipList {
                 unsigned char number);
     void insert(long long offset, int len, int fileOffset, int majorVer, int minorVer,
                 unsigned char number, std::unique_ptr<Buff>&& buff);
-    // May take either record out of its pointer.
+    // Takes the location, with its buffer, out of the record.
     void insert(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data);
 
     // Redirects those parts of the range that still lie where `expected` says; true if any did.
@@ -183,7 +183,7 @@ class SkipList {
 
     const std::shared_ptr<Node>& firstEndingAfter(long long key) const;
     template <typename Note>
-    const std::shared_ptr<Node>& descend(long long key, Note note) const;
+    const std::shared_ptr<Node>& descend(long long key, int from, Note note) const;
     bool startsBefore(const std::shared_ptr<Node>& node, long long end) const;
     template <typename Visit>
     void forEachOverlapped(const Index& range, Visit visit) const;
@@ -192,16 +192,17 @@ class SkipList {
                    const Data& oldData) const;
     bool runsOn(const Index& newIndex, const Data& newData, const Index& oldIndex,
                 const Data& oldData) const;
-    Fusion fuse(const std::unique_ptr<Index>& index, const std::unique_ptr<Data>& data,
-                const Node& left, const Node& right) const;
+    Fusion fuse(const Index& range, const Data& location, const Node& left,
+                const Node& right) const;
 
-    void insertByReplacing(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data);
-    bool insertInPlace(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data);
+    void insert(const Index& range, Data& location);
+    void insertByReplacing(const Index& range, Data& location);
+    bool insertInPlace(const Index& range, Data& location);
     Overlap findOverlap(const Index& range);
     bool continuesOverlapped(const Index& range, const Data& location, const Fusion& fusion,
                              const Overlap& overlap) const;
-    void overlay(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data, const Fusion& fusion,
-                 const Overlap& overlap, Node* neighbour);
+    void overlay(const Index& range, Data& location, const Fusion& fusion, const Overlap& overlap,
+                 Node* neighbour);
     static long long bytesGained(const Fusion& fusion, const Overlap& overlap,
                                  const Node* neighbour);
     std::unique_ptr<Data> partOfBuffer(const Node& node, long long start, long long end) const;
@@ -214,6 +215,9 @@ class SkipList {
     Node& append(Node::List& newNodes, std::shared_ptr<Node> node) const;
     void countReplaced(const Node::List& overlapped, const Node::List& newNodes,
                        long long coveredBytes);
+
+    // No node is linked above it. Searches begin there, and `path` holds `head` above it.
+    int topLevel = 0;
 
     // For each level the last node before the place at which a running insertInPlace works.
     std::vector<Node*> path;
