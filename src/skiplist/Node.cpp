@@ -5,11 +5,34 @@
 
 #include "memory/Memorystatistics.h"
 
+using Links = std::vector<std::shared_ptr<Node>>;
+
+constinit thread_local std::shared_ptr<Node>* std::allocator<std::shared_ptr<Node>>::inBlock =
+    nullptr;
+
 namespace {
 
-std::vector<std::shared_ptr<Node>> nullReferences(int n) {
+// Leaves room for the links of a node behind it. A node is the last part of what
+// std::allocate_shared puts into one block.
+template <typename T>
+struct BlockAllocator {
+    using value_type = T;
+
+    explicit BlockAllocator(std::size_t n) : links(n) {}
+    template <typename Other>
+    explicit(false) BlockAllocator(const BlockAllocator<Other>& other) : links(other.links) {}
+
+    T* allocate(std::size_t) {
+        return static_cast<T*>(::operator new(sizeof(T) + links * sizeof(std::shared_ptr<Node>)));
+    }
+    void deallocate(T* block, std::size_t) noexcept { ::operator delete(block); }
+
+    std::size_t links;
+};
+
+std::size_t checkedCount(int n) {
     if (n < 0) throw std::bad_alloc();
-    return std::vector<std::shared_ptr<Node>>(static_cast<std::size_t>(n));
+    return static_cast<std::size_t>(n);
 }
 
 // Lets go of what is part of a node, and so is not to be freed for itself.
@@ -20,10 +43,11 @@ void letGo(std::unique_ptr<Part>& pointer, const Part& part) {
 
 }  // namespace
 
-Node::Node(const Index& range, int topLevel)
-    : level(topLevel), ownIndex(range), ownForward(nullReferences(topLevel + 1)) {
+Node::Node(Made, const Index& range, int topLevel) : level(topLevel), ownIndex(range) {
     MemoryStat::statsMem(charge);
-    // Set only now: if the constructor fails, the parts go by themselves.
+    // Nothing can fail any more.
+    if (level >= 0) std::allocator<std::shared_ptr<Node>>::inBlock = links();
+    ::new (&ownForward) Links(static_cast<std::size_t>(level + 1));
     index.reset(&ownIndex);
     data.reset(&ownData);
     forward.reset(&ownForward);
@@ -38,7 +62,8 @@ Node::~Node() {
 }
 
 std::shared_ptr<Node> Node::create(const Index& range, int level) {
-    return std::make_shared<Node>(range, level);
+    const BlockAllocator<Node> block(checkedCount(level + 1));
+    return std::allocate_shared<Node>(block, Made{}, range, level);
 }
 
 std::shared_ptr<Node> Node::create(const Index& range, Data& location, int level) {
@@ -55,7 +80,7 @@ std::shared_ptr<Node> Node::create(std::unique_ptr<Index>&& index, std::unique_p
 }
 
 Node::Arr Node::createArr(int n) {
-    return std::make_unique<std::vector<std::shared_ptr<Node>>>(nullReferences(n));
+    return std::make_unique<Links>(checkedCount(n));
 }
 
 void Node::clearArr(int n, Arr arr) {

@@ -1,7 +1,7 @@
 // One stored range of a map: its key, its file location and its links to the nodes after it.
 //
-// Everything but the links' array lies in one block of memory, so that a search that reads a node's
-// key has its way on in the cache.
+// A node, its reference counts, its records and its links lie in one block of memory, so that a
+// search that has read a node's key finds its way on in the cache.
 //
 // Invariants
 //   (1) `forward` has `level + 1` entries from construction until the map is destroyed.
@@ -21,20 +21,48 @@
 #include <list>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "records/Data.h"
 #include "records/Index.h"
 
+class Node;
+
+// Arrays of references to nodes: on the heap, except for the links of a node, which lie behind it
+// in its block.
+template <>
+class std::allocator<std::shared_ptr<Node>> {
+  public:
+    using value_type = std::shared_ptr<Node>;
+
+    allocator() = default;
+    template <typename Other>
+    explicit(false) allocator(const allocator<Other>&) noexcept {}
+
+    value_type* allocate(std::size_t n) {
+        if (inBlock != nullptr) return std::exchange(inBlock, nullptr);
+        return static_cast<value_type*>(::operator new(n * sizeof(value_type)));
+    }
+    void deallocate(value_type* array, std::size_t) noexcept { ::operator delete(array); }
+    friend bool operator==(const allocator&, const allocator&) { return true; }
+
+  private:
+    friend Node;
+
+    // Where the next array goes, if it is that of a node which this thread is making.
+    static constinit thread_local value_type* inBlock;
+};
+
 class Node {
+    struct Made {};  // only `create` makes nodes
+
   public:
     // A per-level array and a list of nodes in key order.
     using Arr = std::unique_ptr<std::vector<std::shared_ptr<Node>>>;
     using List = std::unique_ptr<std::list<std::shared_ptr<Node>>>;
 
-    // A node with the empty location. All of these throw jni_bad_alloc or std::bad_alloc.
-    Node(const Index& range, int topLevel);
-    static std::shared_ptr<Node> create(const Index& range, int level);
+    Node(Made, const Index& range, int topLevel);
     // As above, and takes the location, with its buffer, from a record of the caller's.
     static std::shared_ptr<Node> create(const Index& range, Data& location, int level);
     // As above, and ends both records.
@@ -45,6 +73,8 @@ class Node {
     Node& operator=(const Node&) = delete;
     ~Node();
 
+    // A node with the empty location. All of these throw jni_bad_alloc or std::bad_alloc.
+    static std::shared_ptr<Node> create(const Index& range, int level);
     // `n` null references; throws std::bad_alloc if `n` is negative.
     static Arr createArr(int n);
     static void clearArr(int n, Arr arr);
@@ -76,10 +106,10 @@ class Node {
     std::shared_ptr<Node>& next(int i) const { return at(*forward, i); }
     std::shared_ptr<Node> nextNode() const { return next(0); }
     // As `next`, unchecked. REQUIRES: 0 <= i <= level.
-    std::shared_ptr<Node>& linked(int i) { return ownForward[static_cast<std::size_t>(i)]; }
-    const std::shared_ptr<Node>& linked(int i) const {
-        return ownForward[static_cast<std::size_t>(i)];
-    }
+    std::shared_ptr<Node>& linked(int i) { return links()[i]; }
+    const std::shared_ptr<Node>& linked(int i) const { return links()[i]; }
+
+    void prefetchKey() const { __builtin_prefetch(&ownIndex); }
 
     static constexpr int charge = 48;  // bytes
 
@@ -91,7 +121,17 @@ class Node {
   private:
     [[noreturn]] static void throwOutOfRange();
 
-    Index ownIndex;
+    // The links lie right behind the node.
+    std::shared_ptr<Node>* links() { return reinterpret_cast<std::shared_ptr<Node>*>(this + 1); }
+    const std::shared_ptr<Node>* links() const {
+        return reinterpret_cast<const std::shared_ptr<Node>*>(this + 1);
+    }
+
     Data ownData;
-    std::vector<std::shared_ptr<Node>> ownForward;
+    // Never destroyed, since its array is not its own.
+    union {
+        std::vector<std::shared_ptr<Node>> ownForward;
+    };
+    // Last, and so beside the links: these two are what a search reads.
+    Index ownIndex;
 };

@@ -40,6 +40,13 @@ class ClearedAtEnd {
     std::vector<std::shared_ptr<Node>>& entries;
 };
 
+// The link of a node at a level. In a large map keys come from memory: the one that is read next if
+// that of this link ends too late is called for meanwhile.
+const std::shared_ptr<Node>& follow(const Node& node, int level) {
+    if (level > 0) node.linked(level - 1)->prefetchKey();
+    return node.linked(level);
+}
+
 // The length of [start, end) as far as 32 bits hold it.
 int lengthOf(long long start, long long end) {
     return static_cast<int>(wrapping::subtract(end, start));
@@ -87,7 +94,7 @@ SkipList::~SkipList() {
     std::shared_ptr<Node> current = head->nextNode();
     while (current != tail) {
         const std::shared_ptr<Node> unlinked = std::move(current);
-        current = unlinked->nextNode();
+        current = std::move(unlinked->linked(0));
         unlinked->forward->clear();
     }
     current.reset();
@@ -118,10 +125,10 @@ template <typename Note>
 const std::shared_ptr<Node>& SkipList::descend(long long key, int from, Note note) const {
     const std::shared_ptr<Node>* x = &head;
     for (int i = from; i >= 0; --i) {
-        const std::shared_ptr<Node>* next = &(*x)->linked(i);
+        const std::shared_ptr<Node>* next = &follow(**x, i);
         while ((*next)->getEnd() <= key && *next != tail) {
             x = next;
-            next = &(*x)->linked(i);
+            next = &follow(**x, i);
         }
         note(i, *x, *next);
     }
