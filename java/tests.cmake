@@ -6,10 +6,25 @@ find_required_jars(junit_launcher
   junit-jupiter-engine junit-platform-console junit-platform-engine junit-platform-launcher
   junit-platform-reporting opentest4j-reporting-events opentest4j-reporting-schema picocli
   univocity-parsers)
+find_required_jars(guava guava error-prone-annotations)
 
 set(tests src/test/java/stor/device)
 add_jar(skiplist-java-tests
   SOURCES
+    ${tests}/bench/Agreement.java
+    ${tests}/bench/Contender.java
+    ${tests}/bench/GuavaRangeMap.java
+    ${tests}/bench/LayerRangeMap.java
+    ${tests}/bench/NativeRangeMap.java
+    ${tests}/bench/NavigableRangeMap.java
+    ${tests}/bench/Operation.java
+    ${tests}/bench/Options.java
+    ${tests}/bench/RangeMap.java
+    ${tests}/bench/RangeMapBenchmark.java
+    ${tests}/bench/Results.java
+    ${tests}/bench/SegmentLog.java
+    ${tests}/bench/Summary.java
+    ${tests}/bench/Workloads.java
     ${tests}/replay/BlockStoreTest.java
     ${tests}/replay/BlockStoreThreadsTest.java
     ${tests}/replay/CheckedMap.java
@@ -19,6 +34,7 @@ add_jar(skiplist-java-tests
     ${tests}/replay/Range.java
     ${tests}/replay/RangeModel.java
     ${tests}/replay/RangeModelTest.java
+    ${tests}/replay/RecordedTrace.java
     ${tests}/replay/RecordedTraceCases.java
     ${tests}/replay/Soak.java
     ${tests}/replay/Timings.java
@@ -43,17 +59,18 @@ add_jar(skiplist-java-tests
     ${tests}/skiplist/StackDepthTest.java
     ${tests}/skiplist/StoredRanges.java
     ${tests}/skiplist/StrictJvm.java
+    ${tests}/skiplist/Sweep.java
     ${tests}/skiplist/ThreadsTest.java
     ${tests}/skiplist/Tutorial.java
     ${tests}/skiplist/TutorialTest.java
     ${tests}/skiplist/VerifierTest.java
-  INCLUDE_JARS skiplist-native skiplist-replay ${netty} ${histogram} ${junit_api})
+  INCLUDE_JARS skiplist-native skiplist-replay ${netty} ${histogram} ${guava} ${junit_api})
 
 # The manifest of the replay brings the native methods and Netty.
-list(JOIN junit_api ":" junit)
-list(JOIN junit_launcher ":" launcher)
+set(libraries ${junit_api} ${junit_launcher} ${guava})
+list(JOIN libraries ":" libraries)
 set(tests_jar $<TARGET_PROPERTY:skiplist-java-tests,JAR_FILE>)
-set(class_path ${tests_jar}:$<TARGET_PROPERTY:skiplist-replay,JAR_FILE>:${junit}:${launcher})
+set(class_path ${tests_jar}:$<TARGET_PROPERTY:skiplist-replay,JAR_FILE>:${libraries})
 
 # The jar brings the library; what else the tests ask for:
 set(properties
@@ -98,5 +115,8 @@ add_java_test(java-replay ${checks} stor.device.replay.TraceReplay
   --report ${CMAKE_CURRENT_BINARY_DIR}/report.html ${trace})
 add_java_test(java-replay-cases -Dskiplist.test.trace=${trace} ${checks}
   ${console} --select-class stor.device.replay.RecordedTraceCases)
+# Fails if the maps that are compared disagree; the times say nothing.
+add_java_test(java-benchmark stor.device.bench.RangeMapBenchmark
+  --rounds 1 --ranges 2000 --gc-ranges 2000 ${trace})
 add_test(NAME javadoc COMMAND ${javadoc})
 set_tests_properties(javadoc PROPERTIES LABELS java)

@@ -95,6 +95,7 @@ SkipList::~SkipList() {
     while (current != tail) {
         const std::shared_ptr<Node> unlinked = std::move(current);
         current = std::move(unlinked->linked(0));
+        current->prefetchKey();  // while this one goes
         unlinked->forward->clear();
     }
     current.reset();
@@ -337,12 +338,26 @@ bool SkipList::insertInPlace(const Index& range, Data& location) {
     return true;
 }
 
-// Notes the path to the range, and what it lies over.
+// Makes `path` end at the last node that ends at or before `key`. Often it does so already, or one
+// step before, since many writes go on where the one before them stopped.
+void SkipList::leadPathTo(long long key) {
+    if (path.front()->getEnd() <= key) {
+        Node* next = path.front()->linked(0).get();
+        if (next->getEnd() <= key && next != tail.get()) {
+            passOver(*next);
+            next = next->linked(0).get();
+        }
+        if (next->getEnd() > key) return;
+    }
+    descend(key, topLevel, [this](int level, const auto& previous, const auto&) {
+        path[static_cast<std::size_t>(level)] = previous.get();
+    });
+}
+
+// Leads the path to the range, and notes what the range lies over.
 SkipList::Overlap SkipList::findOverlap(const Index& range) {
-    const std::shared_ptr<Node>* next =
-        &descend(range.getOffset(), topLevel, [this](int level, const auto& previous, const auto&) {
-            path[static_cast<std::size_t>(level)] = previous.get();
-        });
+    leadPathTo(range.getOffset());
+    const std::shared_ptr<Node>* next = &path.front()->linked(0);
     Overlap overlap{};
     overlap.first = next->get();
     for (; startsBefore(*next, range.getEnd()); next = &(*next)->linked(0)) {
@@ -632,7 +647,9 @@ void SkipList::link(std::shared_ptr<Node>& from, std::shared_ptr<Node>& to) cons
     }
 }
 
-void SkipList::link(Node::Arr& predecessors, Node::Arr& successors, Node::List& newNodes) const {
+void SkipList::link(Node::Arr& predecessors, Node::Arr& successors, Node::List& newNodes) {
+    // The path may lead over nodes that are about to go.
+    std::fill(path.begin(), path.end(), head.get());
     newNodes->back()->next(0) = Node::at(*successors, 0);
     int linked = 0;  // levels whose predecessor points to a new node by now
     for (const auto& node : *newNodes) {

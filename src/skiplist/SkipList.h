@@ -119,7 +119,7 @@ class SkipList {
     // Points `from` at `to` at each level that both have and where `from` has no successor yet.
     void link(std::shared_ptr<Node>& from, std::shared_ptr<Node>& to) const;
     // Splices new nodes in key order between the per-level neighbours.
-    void link(Node::Arr& predecessors, Node::Arr& successors, Node::List& newNodes) const;
+    void link(Node::Arr& predecessors, Node::Arr& successors, Node::List& newNodes);
     // The nodes that take the place of the overlapped ones.
     Node::List create(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
                       Node::List& overlapped);
@@ -198,6 +198,7 @@ class SkipList {
     void insert(const Index& range, Data& location);
     void insertByReplacing(const Index& range, Data& location);
     bool insertInPlace(const Index& range, Data& location);
+    void leadPathTo(long long key);
     Overlap findOverlap(const Index& range);
     bool continuesOverlapped(const Index& range, const Data& location, const Fusion& fusion,
                              const Overlap& overlap) const;
@@ -219,6 +220,8 @@ class SkipList {
     // No node is linked above it. Searches begin there, and `path` holds `head` above it.
     int topLevel = 0;
 
-    // For each level the last node before the place at which a running insertInPlace works.
+    // For each level the last node at or before one place of the map, that of the latest insert. It
+    // stays so when nodes are linked or unlinked right behind that place or records change, which
+    // is all that insertInPlace does; the splice of the general way sets it back to `head`.
     std::vector<Node*> path;
 };

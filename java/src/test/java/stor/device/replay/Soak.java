@@ -17,7 +17,7 @@ import java.util.stream.Stream;
 import javax.management.JMException;
 import javax.management.ObjectName;
 import stor.device.replay.TraceReader.Kind;
-import stor.device.skiplist.NativeMemory;
+import stor.device.skiplist.Sweep;
 
 /**
  * Keeps a block store under load for some minutes, every byte checked, and watches what the process
@@ -123,7 +123,7 @@ public final class Soak {
             }
         }
         boolean clean = isNothing("buffers", replay.buffers().inUse())
-                & isNothing("native bytes", sweptNow())
+                & isNothing("native bytes", Sweep.bytesInUse())
                 & isNothing("global references beyond those at the start and "
                         + Figure.GLOBAL_REFERENCES.slack, Math.max(0, globalReferences()
                         - referencesBefore - Figure.GLOBAL_REFERENCES.slack));
@@ -176,7 +176,7 @@ public final class Soak {
         sample[Figure.HEAP_KB.ordinal()] =
                 ManagementFactory.getMemoryMXBean().getHeapMemoryUsage().getUsed() >> 10;
         sample[Figure.RANGES.ordinal()] = stats.ranges();
-        sample[Figure.NATIVE_BYTES.ordinal()] = sweptNow();
+        sample[Figure.NATIVE_BYTES.ordinal()] = Sweep.bytesInUse();
         sample[Figure.BUFFERS.ordinal()] = replay.buffers().inUse();
         sample[Figure.GLOBAL_REFERENCES.ordinal()] = globalReferences();
         sample[Figure.OTHER_FILES.ordinal()] = openFiles() - stats.segments();
@@ -192,17 +192,6 @@ public final class Soak {
             System.out.println("LEFT BEHIND: " + left + " " + what);
         }
         return left == 0;
-    }
-
-    /** Waits for a sweep, and gives what it finds in use. */
-    private static long sweptNow() throws InterruptedException {
-        long start = System.nanoTime();
-        long bytes;
-        do {
-            Thread.sleep(50);
-            bytes = NativeMemory.bytesInUse();
-        } while (NativeMemory.millisSinceSweep() >= (System.nanoTime() - start) / 1_000_000);
-        return bytes;
     }
 
     private static long resident() throws IOException {

@@ -2,15 +2,14 @@ package stor.device.skiplist;
 
 import io.netty.buffer.ByteBuf;
 import io.netty.buffer.Unpooled;
-import java.io.BufferedReader;
-import java.io.FileInputStream;
 import java.io.IOException;
-import java.io.InputStreamReader;
-import java.nio.charset.StandardCharsets;
-import java.util.ArrayList;
+import java.nio.file.Path;
 import java.util.Arrays;
 import java.util.List;
-import java.util.zip.GZIPInputStream;
+import stor.device.bench.Operation;
+import stor.device.bench.Summary;
+import stor.device.bench.Workloads;
+import stor.device.replay.Location;
 
 /**
  * Measures what a map costs more than its native methods: replays a recorded trace through both by
@@ -23,30 +22,25 @@ import java.util.zip.GZIPInputStream;
 public final class LayerCost {
     private static final int HEIGHT = 12;
     private static final int SECTOR_SIZE = Integer.getInteger("skiplist.test.sector", 512);
-    private static final int FILE_BYTES = 1 << 30;
     private static final int RELEASE_INTERVAL = 2;
     // Makes the map one of a large device, in which joined ranges might become too long.
     private static final long FAR_AWAY = 1L << 40;
     private static final int COUNTER_CALLS = 1_000_000;
     private static final int WARM_UP_ROUNDS = 4;
 
-    private final List<Request> requests;
+    private final List<Operation> operations;
     private final ByteBuf bytes;
     private long sum;
 
-    /** One line of the trace. */
-    private record Request(char kind, long offset, int length) {
-    }
-
-    private LayerCost(List<Request> requests) {
-        this.requests = requests;
-        int longest = requests.stream().mapToInt(Request::length).max().orElseThrow();
+    private LayerCost(List<Operation> operations) {
+        this.operations = operations;
+        int longest = operations.stream().mapToInt(Operation::length).max().orElseThrow();
         bytes = Unpooled.directBuffer(longest).writeZero(longest);
     }
 
     /** Prints the medians of both, without and with buffers. */
     public static void main(String[] args) throws IOException {
-        LayerCost cost = new LayerCost(read(args[0]));
+        LayerCost cost = new LayerCost(Workloads.trace(Path.of(args[0]), SECTOR_SIZE));
         int rounds = Integer.parseInt(args[1]);
         for (boolean buffered : new boolean[] {false, true}) {
             double[] raw = new double[rounds];
@@ -58,8 +52,8 @@ public final class LayerCost {
                 cost.replayLayer(buffered);
                 long end = System.nanoTime();
                 if (i >= 0) {
-                    raw[i] = (double) (middle - start) / cost.requests.size();
-                    layer[i] = (double) (end - middle) / cost.requests.size();
+                    raw[i] = (double) (middle - start) / cost.operations.size();
+                    layer[i] = (double) (end - middle) / cost.operations.size();
                 }
             }
             double[] ratios = new double[rounds];
@@ -99,13 +93,12 @@ public final class LayerCost {
     private void replayRaw(boolean buffered) {
         long map = JniSkipListNative.createSkipList(HEIGHT, SECTOR_SIZE);
         JniSkipListNative.insert(map, FAR_AWAY, SECTOR_SIZE, 0, 1, 0, (byte) 0);
-        int number = 0;
-        int end = 0;
         int writes = 0;
-        for (Request request : requests) {
-            long offset = request.offset();
-            int length = request.length();
-            if (request.kind() == 'R') {
+        for (Operation operation : operations) {
+            long offset = operation.offset();
+            int length = operation.length();
+            Location at = operation.at();
+            if (operation.isQuery()) {
                 long[] run = JniSkipListNative.getNodes(map, offset, length);
                 for (long node = run[0]; node != run[1]; node = JniSkipListNative.nextNode(node)) {
                     sum += JniSkipListNative.getNodeIndexOffset(node)
@@ -115,24 +108,15 @@ public final class LayerCost {
                             + JniSkipListNative.getNodeFileMajorVer(node)
                             + JniSkipListNative.getNodeFileMinorVer(node);
                 }
-            } else if (request.kind() == 'D') {
-                JniSkipListNative.insert(map, offset, length, -1, -1, -1, (byte) 0);
+            } else if (!buffered || at.isEmpty()) {
+                JniSkipListNative.insert(
+                        map, offset, length, at.offset(), at.major(), at.minor(), at.number());
             } else {
-                if (end + FileLocation.fileDistance(length, SECTOR_SIZE) > FILE_BYTES) {
-                    number = (number + 1) % 256;
-                    end = 0;
-                }
-                int begin = end;
-                if (buffered) {
-                    JniSkipListNative.insertWithBuff(map, offset, length, begin, 1, 0,
-                            (byte) number, bytes.slice(0, length));
-                } else {
-                    JniSkipListNative.insert(map, offset, length, begin, 1, 0, (byte) number);
-                }
-                end += (int) FileLocation.fileDistance(length, SECTOR_SIZE);
-                if (buffered && ++writes % RELEASE_INTERVAL == 0) {
+                JniSkipListNative.insertWithBuff(map, offset, length, at.offset(), at.major(),
+                        at.minor(), at.number(), bytes.slice(0, length));
+                if (++writes % RELEASE_INTERVAL == 0) {
                     JniSkipListNative.compareAndRelease(
-                            map, offset, length, begin, 1, 0, (byte) number);
+                            map, offset, length, at.offset(), at.major(), at.minor(), at.number());
                 }
             }
         }
@@ -142,32 +126,25 @@ public final class LayerCost {
     private void replayLayer(boolean buffered) {
         try (OffHeapRangeMap map = OffHeapRangeMap.create(HEIGHT, SECTOR_SIZE)) {
             map.insert(FAR_AWAY, SECTOR_SIZE, new FileLocation(0, 0, 1, 0));
-            int number = 0;
-            int end = 0;
             int writes = 0;
             OffHeapRangeMap.Visitor visitor =
                     (offset, len, file, fileOffset, majorVer, minorVer, range) ->
                             sum += offset + len + file + fileOffset + majorVer + minorVer;
-            for (Request request : requests) {
-                long offset = request.offset();
-                int length = request.length();
-                if (request.kind() == 'R') {
+            for (Operation operation : operations) {
+                long offset = operation.offset();
+                int length = operation.length();
+                Location at = operation.at();
+                if (operation.isQuery()) {
                     map.forEach(offset, length, visitor);
-                } else if (request.kind() == 'D') {
-                    map.insert(offset, length, FileLocation.EMPTY);
+                    continue;
+                }
+                FileLocation place = new FileLocation(
+                        Byte.toUnsignedInt(at.number()), at.offset(), at.major(), at.minor());
+                if (!buffered || at.isEmpty()) {
+                    map.insert(offset, length, place);
                 } else {
-                    if (end + FileLocation.fileDistance(length, SECTOR_SIZE) > FILE_BYTES) {
-                        number = (number + 1) % 256;
-                        end = 0;
-                    }
-                    FileLocation place = new FileLocation(number, end, 1, 0);
-                    if (buffered) {
-                        map.insert(offset, length, place, bytes);
-                    } else {
-                        map.insert(offset, length, place);
-                    }
-                    end += (int) FileLocation.fileDistance(length, SECTOR_SIZE);
-                    if (buffered && ++writes % RELEASE_INTERVAL == 0) {
+                    map.insert(offset, length, place, bytes);
+                    if (++writes % RELEASE_INTERVAL == 0) {
                         map.compareAndRelease(offset, length, place);
                     }
                 }
@@ -176,23 +153,6 @@ public final class LayerCost {
     }
 
     private static double median(double[] values) {
-        double[] sorted = values.clone();
-        Arrays.sort(sorted);
-        return sorted[sorted.length / 2];
-    }
-
-    private static List<Request> read(String path) throws IOException {
-        List<Request> requests = new ArrayList<>();
-        try (BufferedReader lines = new BufferedReader(new InputStreamReader(
-                new GZIPInputStream(new FileInputStream(path)), StandardCharsets.US_ASCII))) {
-            for (String line = lines.readLine(); line != null; line = lines.readLine()) {
-                if (!line.startsWith("#")) {
-                    String[] fields = line.split(" ");
-                    requests.add(new Request(fields[1].charAt(0), Long.parseLong(fields[2]),
-                            Integer.parseInt(fields[3])));
-                }
-            }
-        }
-        return requests;
+        return Summary.of(values).median();
     }
 }

@@ -1,0 +1,33 @@
+package stor.device.bench;
+
+import stor.device.replay.Location;
+import stor.device.skiplist.FileLocation;
+import stor.device.skiplist.OffHeapRangeMap;
+import stor.device.skiplist.OffHeapRangeMap.Visitor;
+
+/** The safe layer, with a place object made for each insert. */
+final class LayerRangeMap implements RangeMap {
+    private final OffHeapRangeMap map =
+            OffHeapRangeMap.create(Contender.HEIGHT, Workloads.SECTOR_SIZE);
+
+    @Override
+    public void insert(long offset, int length, Location at) {
+        map.insert(offset, length, new FileLocation(
+                Byte.toUnsignedInt(at.number()), at.offset(), at.major(), at.minor()));
+    }
+
+    @Override
+    public void find(long offset, int length, Visitor visitor) {
+        map.forEach(offset, length, visitor);
+    }
+
+    @Override
+    public void forEach(Visitor visitor) {
+        map.forEach(visitor);
+    }
+
+    @Override
+    public void close() {
+        map.close();
+    }
+}

@@ -1,0 +1,23 @@
+package stor.device.bench;
+
+import stor.device.replay.Location;
+import stor.device.skiplist.OffHeapRangeMap.Visitor;
+
+/**
+ * The one way in which all maps are called, so that its cost is the same for all. The last thing
+ * that a visitor is given belongs to the safe layer; other maps give null.
+ */
+interface RangeMap extends AutoCloseable {
+    /** Stores a range; afterwards its bytes lie there, and all others where they were. */
+    void insert(long offset, int length, Location at);
+
+    /** Visits the ranges that share a byte with a range, in order. */
+    void find(long offset, int length, Visitor visitor);
+
+    /** Visits all ranges in order. */
+    void forEach(Visitor visitor);
+
+    @Override
+    default void close() {
+    }
+}
