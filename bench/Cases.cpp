@@ -1,96 +1,46 @@
 #include "Cases.h"
 
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
+#include <algorithm>
+#include <barrier>
+#include <chrono>
 #include <ctime>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <sstream>
-#include <stdexcept>
+#include <thread>
 #include <utility>
+#include <vector>
 
-#include "NativeMap.h"
-#include "StdRangeMap.h"
+#include "Competitors.h"
+#include "Equality.h"
 #include "Trace.h"
 #include "Workloads.h"
 
 namespace {
 
-struct Workload {
-    Operations setUp;
-    Operations timed;
-};
-
-std::string textOf(const Range& range) {
-    const Location& location = range.location;
-    std::ostringstream text;
-    text << "[" << range.offset << ", " << range.end() << ") in file " << int{location.number}
-         << " at " << location.fileOffset << " (" << location.majorVer << ", " << location.minorVer
-         << ")";
-    return text.str();
-}
-
-[[noreturn]] void refuse(const std::string& difference) {
-    throw std::runtime_error("the maps differ: " + difference);
-}
-
-void compareAnswers(NativeMap& skipList, StdRangeMap& stdMap, const Operations& operations) {
-    for (std::size_t i = 0; i < operations.size(); ++i) {
-        const Range& range = operations[i].range;
-        if (operations[i].kind == Operation::Kind::insert) {
-            skipList.insert(range);
-            stdMap.insert(range);
-        } else if (skipList.walk(range.offset, range.len) != stdMap.walk(range.offset, range.len)) {
-            refuse("operation " + std::to_string(i) + ", a walk over " + textOf(range));
-        }
-    }
-}
-
-// Returns how many ranges both maps hold.
-std::size_t compareContents(NativeMap& skipList, const StdRangeMap& stdMap) {
-    const std::vector<Range> ours = skipList.ranges();
-    const std::vector<Range> theirs = stdMap.ranges();
-    for (std::size_t i = 0; i < ours.size() && i < theirs.size(); ++i) {
-        if (ours[i] == theirs[i]) continue;
-        refuse("range " + std::to_string(i) + " is " + textOf(ours[i]) + " in the skip list, " +
-               textOf(theirs[i]) + " in the std::map");
-    }
-    if (ours.size() != theirs.size()) {
-        refuse(std::to_string(ours.size()) + " ranges in the skip list, " +
-               std::to_string(theirs.size()) + " in the std::map");
-    }
-    return ours.size();
-}
-
-// A workload made and checked on first use, shared by the competitors.
+// A workload that is compared before its first use. It is made anew for each use: several at a
+// time would fill the memory.
 class Case {
   public:
-    explicit Case(std::function<Workload()> maker) : make(std::move(maker)) {}
+    Case(std::function<Workload()> maker, std::size_t (*comparison)(const Workload&))
+        : make(std::move(maker)), compare(comparison) {}
 
-    const Workload& workload() {
-        if (!made) {
-            made = make();
-            check();
-        }
-        return *made;
+    Workload workload() {
+        Workload made = make();
+        if (!rangesAfter) rangesAfter = compare(made);
+        return made;
     }
 
-    // How many ranges a map holds after the workload.
-    std::size_t ranges() const { return rangesAfter; }
+    // How many ranges a map holds after the workload. REQUIRES: it has been used.
+    std::size_t ranges() const { return *rangesAfter; }
 
   private:
-    void check() {
-        NativeMap skipList;
-        StdRangeMap stdMap;
-        compareAnswers(skipList, stdMap, made->setUp);
-        compareAnswers(skipList, stdMap, made->timed);
-        rangesAfter = compareContents(skipList, stdMap);
-    }
-
     std::function<Workload()> make;
-    std::optional<Workload> made;
-    std::size_t rangesAfter = 0;
+    std::size_t (*compare)(const Workload&);
+    std::optional<std::size_t> rangesAfter;
 };
 
 // The processor time of this thread: whoever shares the processor does not count.
@@ -116,11 +66,22 @@ std::unique_ptr<Map> filledMap(const Operations& operations) {
 }
 
 template <typename Map>
-void serveTimed(benchmark::State& state, Map& map, const Operations& operations) {
+std::unique_ptr<Map> mapAfter(const Workload& workload) {
+    auto map = filledMap<Map>(workload.setUp);
+    serve(*map, workload.timed);
+    return map;
+}
+
+template <typename Timed>
+void timeOnce(benchmark::State& state, Timed timed) {
     const Stopwatch stopwatch;
-    const unsigned long long sum = serve(map, operations);
+    timed();
     state.SetIterationTime(stopwatch.seconds());
-    benchmark::DoNotOptimize(sum);
+}
+
+template <typename Map>
+void serveTimed(benchmark::State& state, Map& map, const Operations& operations) {
+    timeOnce(state, [&] { benchmark::DoNotOptimize(serve(map, operations)); });
 }
 
 void report(benchmark::State& state, std::size_t operations, std::size_t ranges) {
@@ -134,7 +95,7 @@ void report(benchmark::State& state, std::size_t operations, std::size_t ranges)
 struct Changes {
     template <typename Map>
     static void run(benchmark::State& state, Case& measured) {
-        const Workload& workload = measured.workload();
+        const Workload workload = measured.workload();
         for (auto _ : state) {
             const auto map = filledMap<Map>(workload.setUp);
             serveTimed(state, *map, workload.timed);
@@ -146,7 +107,7 @@ struct Changes {
 struct Walks {
     template <typename Map>
     static void run(benchmark::State& state, Case& measured) {
-        const Workload& workload = measured.workload();
+        const Workload workload = measured.workload();
         const auto map = filledMap<Map>(workload.setUp);
         for (auto _ : state) serveTimed(state, *map, workload.timed);
         report(state, workload.timed.size(), measured.ranges());
@@ -157,55 +118,156 @@ struct Walks {
 struct Destruction {
     template <typename Map>
     static void run(benchmark::State& state, Case& measured) {
-        const Workload& workload = measured.workload();
+        const Workload workload = measured.workload();
         for (auto _ : state) {
-            auto map = filledMap<Map>(workload.setUp);
-            const Stopwatch stopwatch;
-            map.reset();
-            state.SetIterationTime(stopwatch.seconds());
+            auto map = mapAfter<Map>(workload);
+            timeOnce(state, [&] { map.reset(); });
         }
         report(state, measured.ranges(), measured.ranges());
     }
 };
 
-template <typename Timed, typename Map>
-void registerFor(const std::string& name, const std::shared_ptr<Case>& measured) {
-    const auto run = [measured](benchmark::State& state) {
-        Timed::template run<Map>(state, *measured);
-    };
-    benchmark::RegisterBenchmark(name.c_str(), run)->UseManualTime()->Unit(benchmark::kMillisecond);
+// Into an empty map, per range.
+struct Copying {
+    template <typename Map>
+    static void run(benchmark::State& state, Case& measured) {
+        const auto map = mapAfter<Map>(measured.workload());
+        for (auto _ : state) {
+            Map copy;
+            timeOnce(state, [&] { map->copyTo(copy); });
+        }
+        report(state, measured.ranges(), measured.ranges());
+    }
+};
+
+std::size_t heapInUse() {
+    const struct mallinfo2 heap = mallinfo2();
+    return heap.uordblks + heap.hblkhd;
 }
 
-template <typename Timed>
-void registerCase(const std::string& name, const std::string& size,
-                  std::function<Workload()> make) {
-    const auto measured = std::make_shared<Case>(std::move(make));
-    registerFor<Timed, NativeMap>(name + "/skip-list/" + size, measured);
-    registerFor<Timed, StdRangeMap>(name + "/std-map/" + size, measured);
+// What the map takes of the heap, the allocator's own bytes included.
+struct Memory {
+    template <typename Map>
+    static void run(benchmark::State& state, Case& measured) {
+        const Workload workload = measured.workload();
+        std::size_t bytes = 0;
+        for (auto _ : state) {
+            const std::size_t before = heapInUse();
+            const auto map = mapAfter<Map>(workload);
+            bytes = heapInUse() - before;
+            state.SetIterationTime(1);
+        }
+        const auto ranges = static_cast<double>(measured.ranges());
+        state.counters["bytes_per_range"] = static_cast<double>(bytes) / ranges;
+        state.counters["ranges"] = ranges;
+    }
+};
+
+// By the clock, from when all threads are ready until the last one has served its own map.
+template <typename Map>
+double secondsOfThreads(int count, const Workload& workload) {
+    std::barrier together(count + 1);
+    const auto work = [&] {
+        const auto map = filledMap<Map>(workload.setUp);
+        together.arrive_and_wait();
+        benchmark::DoNotOptimize(serve(*map, workload.timed));
+        together.arrive_and_wait();
+    };
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < count; ++i) threads.emplace_back(work);
+    together.arrive_and_wait();
+    const auto start = std::chrono::steady_clock::now();
+    together.arrive_and_wait();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Per operation of all threads: the inverse of the throughput.
+template <int count>
+struct Threads {
+    template <typename Map>
+    static void run(benchmark::State& state, Case& measured) {
+        const Workload workload = measured.workload();
+        for (auto _ : state) state.SetIterationTime(secondsOfThreads<Map>(count, workload));
+        report(state, workload.timed.size() * count, measured.ranges());
+    }
+};
+
+// A workload and the maps that compete on it. Whatever is timed of it shares its comparison.
+template <std::size_t (*compare)(const Workload&), typename... Maps>
+class Competition {
+  public:
+    Competition(std::string ranges, std::function<Workload()> make)
+        : size(std::move(ranges)), measured(std::make_shared<Case>(std::move(make), compare)) {}
+
+    template <typename Timed>
+    const Competition& time(const char* name) const {
+        (registerFor<Timed, Maps>(name), ...);
+        return *this;
+    }
+
+  private:
+    template <typename Timed, typename Map>
+    void registerFor(const std::string& name) const {
+        const std::string full = name + "/" + Map::name + "/" + size;
+        const auto run = [shared = measured](benchmark::State& state) {
+            Timed::template run<Map>(state, *shared);
+        };
+        benchmark::RegisterBenchmark(full.c_str(), run)
+            ->UseManualTime()
+            ->Unit(benchmark::kMillisecond);
+    }
+
+    std::string size;
+    std::shared_ptr<Case> measured;
+};
+
+using Rivals = Competition<compareRivals, NativeMap, StdRangeMap, BtreeRangeMap, IclRangeMap>;
+// No rival: what a buffer costs is the counting of references on the Java side, which none has.
+using WithBuffers = Competition<compareWithBuffers, BufferedNativeMap>;
+
+Operations partlyOverwritten(int pages) {
+    Operations operations = fillRandomly(pages);
+    const Operations later = overwrites(pages, pages / 4, Spread::uniform);
+    operations.insert(operations.end(), later.begin(), later.end());
+    return operations;
+}
+
+void registerSize(int pages) {
+    constexpr int mostTimed = 1'000'000;
+    const int count = std::min(pages, mostTimed);
+    const std::string size = std::to_string(pages);
+    const auto fill = [pages] { return Workload{{}, fillRandomly(pages)}; };
+    const auto filledAnd = [=](auto generate, auto... spread) {
+        return [=] { return Workload{fillRandomly(pages), generate(pages, count, spread...)}; };
+    };
+
+    Rivals(size, fill)
+        .time<Changes>("insert")
+        .time<Copying>("copy")
+        .time<Destruction>("destroy")
+        .time<Memory>("memory");
+    Rivals(size, [pages] { return Workload{{}, fillSequentially(pages)}; }).time<Changes>("append");
+    Rivals(size, filledAnd(overwrites, Spread::uniform))
+        .time<Changes>("overwrite")
+        .time<Threads<1>>("threads-1")
+        .time<Threads<2>>("threads-2");
+    Rivals(size, filledAnd(overwrites, Spread::hotSpot)).time<Changes>("overwrite-hot");
+    Rivals(size, filledAnd(walks, Spread::uniform)).time<Walks>("find");
+    Rivals(size, filledAnd(walks, Spread::hotSpot)).time<Walks>("find-hot");
+    Rivals(size, [=] {
+        return Workload{partlyOverwritten(pages), moves(pages, count)};
+    }).time<Changes>("compare-and-set");
+    WithBuffers(size, fill).time<Changes>("insert-buffers").time<Copying>("copy-buffers");
+    WithBuffers(size, filledAnd(overwrites, Spread::uniform)).time<Changes>("overwrite-buffers");
 }
 
 }  // namespace
 
-void registerCases(const std::string& tracePath) {
-    for (const int count : {10'000, 100'000, 1'000'000}) {
-        const std::string size = std::to_string(count);
-        registerCase<Changes>("insert", size, [count] {
-            return Workload{{}, fillRandomly(count)};
-        });
-        registerCase<Changes>("append", size, [count] {
-            return Workload{{}, fillSequentially(count)};
-        });
-        registerCase<Changes>("overwrite", size, [count] {
-            return Workload{fillRandomly(count), overwriteRandomly(count)};
-        });
-        registerCase<Walks>("find", size, [count] {
-            return Workload{fillRandomly(count), walkRandomly(count)};
-        });
-        registerCase<Destruction>("destroy", size, [count] {
-            return Workload{fillRandomly(count), {}};
-        });
+void registerCases(const std::string& tracePath, int maxRanges) {
+    for (long long pages = 10'000; pages <= maxRanges; pages *= 10) {
+        registerSize(static_cast<int>(pages));
     }
-    registerCase<Changes>("trace", "recorded", [tracePath] {
+    Rivals("recorded", [tracePath] {
         return Workload{{}, readTrace(tracePath)};
-    });
+    }).time<Changes>("trace");
 }

@@ -1,34 +1,70 @@
 // A map of the library behind its native methods, called as Java calls them.
 //
 // What a benchmark of it does not contain is the way of a JVM into native code and back.
-// Ownership: owns the map. Threads: not thread-safe.
+// Ownership: owns the map. Threads: used by the thread that made it.
 #pragma once
-
-#include <vector>
 
 #include "Operation.h"
 #include "StandInJvm.h"
+#include "stor_device_skiplist_JniSkipListNative.h"
 
 class NativeMap {
   public:
+    static constexpr const char* name = "skip-list";
+
     NativeMap();
     ~NativeMap();
     NativeMap(const NativeMap&) = delete;
     NativeMap& operator=(const NativeMap&) = delete;
 
     void insert(const Range& range);
+    bool compareAndSet(const Range& range, const Location& expected);
+    void copyTo(NativeMap& other) const;
 
-    // The sum of the digests of the ranges that share a byte with [offset, offset + len).
-    unsigned long long walk(long long offset, int len);
+    // Visits the ranges that share a byte with [offset, offset + len), in order.
+    template <typename Visit>
+    void forEach(long long offset, int len, Visit visit) const {
+        Java_stor_device_skiplist_JniSkipListNative_getNodes(env, nullptr, handle, offset, len);
+        visitPair(visit);
+    }
 
-    // Everything stored, in order.
-    std::vector<Range> ranges();
+    // Visits everything stored, in order.
+    template <typename Visit>
+    void forEach(Visit visit) const {
+        Java_stor_device_skiplist_JniSkipListNative_getAllNodes(env, nullptr, handle);
+        visitPair(visit);
+    }
+
+  protected:
+    JNIEnv* env = StandInJvm::ofThread().env();
+    jlong handle;
 
   private:
-    static constexpr int height = 12;
+    template <typename Visit>
+    void visitPair(Visit visit) const {
+        const auto [first, last] = StandInJvm::ofThread().pair();
+        for (jlong node = first; node != last;
+             node = Java_stor_device_skiplist_JniSkipListNative_nextNode(env, nullptr, node)) {
+            visit(rangeOf(node));
+        }
+    }
 
-    Range rangeOf(jlong node);
-
-    StandInJvm jvm;
-    jlong handle;
+    Range rangeOf(jlong node) const;
 };
+
+// The same, with a buffer for each range.
+class BufferedNativeMap : public NativeMap {
+  public:
+    void insert(const Range& range);
+};
+
+inline Range NativeMap::rangeOf(jlong node) const {
+    return {
+        Java_stor_device_skiplist_JniSkipListNative_getNodeIndexOffset(env, nullptr, node),
+        Java_stor_device_skiplist_JniSkipListNative_getNodeIndexLen(env, nullptr, node),
+        {Java_stor_device_skiplist_JniSkipListNative_getNodeFileOffset(env, nullptr, node),
+         Java_stor_device_skiplist_JniSkipListNative_getNodeFileMajorVer(env, nullptr, node),
+         Java_stor_device_skiplist_JniSkipListNative_getNodeFileMinorVer(env, nullptr, node),
+         static_cast<unsigned char>(
+             Java_stor_device_skiplist_JniSkipListNative_getNodeFileNumber(env, nullptr, node))}};
+}

@@ -1,4 +1,4 @@
-// What the benchmarks do to a map, in a form that favours neither competitor.
+// What the benchmarks do to a map, in a form that favours no competitor.
 //
 // Plain values, made in full before any time is taken.
 #pragma once
@@ -35,15 +35,16 @@ struct Range {
 };
 
 struct Operation {
-    enum class Kind { insert, walk };
+    enum class Kind { insert, walk, compareAndSet };
 
     Kind kind;
-    Range range;  // a walk has no use for the location
+    Range range;                  // a walk has no use for the location
+    Location expected = nowhere;  // by a compareAndSet
 };
 
 using Operations = std::vector<Operation>;
 
-// A number that depends on everything that both competitors store of a range.
+// A number that depends on everything that the competitors store of a range.
 inline unsigned long long digest(const Range& range) {
     return static_cast<unsigned long long>(range.offset) * 31 +
            static_cast<unsigned long long>(range.len) * 7 +

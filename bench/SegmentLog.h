@@ -1,12 +1,14 @@
 // Hands out file locations one after another, as a log-structured store does: what is written in
 // sequence lies in sequence. Files are filled up to a fixed size and reused in turn under the next
-// major version.
+// major version; logs of different minor versions share no place.
 #pragma once
 
 #include "Operation.h"
 
 class SegmentLog {
   public:
+    explicit SegmentLog(int minorVer = 0) : place{0, 1, minorVer, 0} {}
+
     // The place for `len` bytes. REQUIRES: len is positive and fits into one file.
     Location append(int len) {
         const auto span = static_cast<int>(fileDistance(len));
@@ -28,5 +30,5 @@ class SegmentLog {
         if (place.number == 0) ++place.majorVer;
     }
 
-    Location place{0, 1, 0, 0};
+    Location place;
 };

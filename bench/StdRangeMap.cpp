@@ -1,32 +1,7 @@
 #include "StdRangeMap.h"
 
 #include <iterator>
-#include <limits>
-
-namespace {
-
-bool fitsLength(long long length) {
-    return length <= std::numeric_limits<int>::max();
-}
-
-// Whether two ranges that touch or overlap may be stored as one.
-bool connected(const Range& a, const Range& b) {
-    if (a.location.isEmpty() || b.location.isEmpty()) {
-        return a.location.isEmpty() && b.location.isEmpty();
-    }
-    return a.location.number == b.location.number && a.location.majorVer == b.location.majorVer &&
-           a.location.minorVer == b.location.minorVer &&
-           fileDistance(a.offset - b.offset) ==
-               static_cast<long long>(a.location.fileOffset) - b.location.fileOffset;
-}
-
-// The location of what begins `skip` bytes into a range.
-Location advanced(Location location, long long skip) {
-    location.fileOffset = static_cast<int>(location.fileOffset + fileDistance(skip));
-    return location;
-}
-
-}  // namespace
+#include <utility>
 
 void StdRangeMap::insert(const Range& range) {
     Node next = tree.lower_bound(range.offset);
@@ -41,7 +16,7 @@ void StdRangeMap::insert(const Range& range) {
     while (next != tree.end() && endOf(next) <= range.end()) next = tree.erase(next);
     place = claimEnd(range, next, place);
     if (place == tree.end()) {
-        tree.emplace_hint(next, range.offset, Entry{range.len, range.location});
+        tree.emplace_hint(next, range.offset, RangeEntry{range.len, range.location});
     }
 }
 
@@ -65,7 +40,7 @@ StdRangeMap::Node StdRangeMap::claimStart(const Range& range, Node& next) {
     if (next == tree.end() || next->first != range.offset || endOf(next) > range.end()) {
         return tree.end();
     }
-    next->second = Entry{range.len, range.location};
+    next->second = RangeEntry{range.len, range.location};
     return next++;
 }
 
@@ -88,7 +63,7 @@ StdRangeMap::Node StdRangeMap::claimEnd(const Range& range, Node& next, Node pla
         const Location location = advanced(next->second.location, range.end() - next->first);
         const auto len = static_cast<int>(endOf(next) - range.end());
         next = moveStart(next, range.end());
-        next->second = Entry{len, location};
+        next->second = RangeEntry{len, location};
     }
     return place;
 }
@@ -106,22 +81,7 @@ void StdRangeMap::split(Node around, const Range& range) {
     const Location rest = advanced(around->second.location, range.end() - around->first);
     const auto restLen = static_cast<int>(endOf(around) - range.end());
     around->second.len = static_cast<int>(range.offset - around->first);
-    const Node behind = tree.emplace_hint(std::next(around), range.end(), Entry{restLen, rest});
-    tree.emplace_hint(behind, range.offset, Entry{range.len, range.location});
-}
-
-unsigned long long StdRangeMap::walk(long long offset, int len) const {
-    const long long end = offset + len;
-    auto node = tree.upper_bound(offset);
-    if (node != tree.begin() && endOf(std::prev(node)) > offset) --node;
-    unsigned long long sum = 0;
-    for (; node != tree.end() && node->first < end; ++node) sum += digest(rangeOf(node));
-    return sum;
-}
-
-std::vector<Range> StdRangeMap::ranges() const {
-    std::vector<Range> all;
-    all.reserve(tree.size());
-    for (auto node = tree.begin(); node != tree.end(); ++node) all.push_back(rangeOf(node));
-    return all;
+    const Node behind =
+        tree.emplace_hint(std::next(around), range.end(), RangeEntry{restLen, rest});
+    tree.emplace_hint(behind, range.offset, RangeEntry{range.len, range.location});
 }

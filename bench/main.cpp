@@ -1,4 +1,4 @@
-// The benchmark program: Google Benchmark's own, with two more flags.
+// The benchmark program: Google Benchmark's own, with three more flags.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -11,18 +11,18 @@
 
 #include "Cases.h"
 #include "Commit.h"
-#include "NativeMap.h"
-#include "StdRangeMap.h"
+#include "Competitors.h"
 #include "Trace.h"
 
 namespace {
 
 constexpr const char* usage =
-    "usage: skiplist-bench [--trace=FILE] [--replay-once=skip-list|std-map]\n"
-    "                      [--benchmark_...]\n"
+    "usage: skiplist-bench [--trace=FILE] [--max-ranges=N] [--replay-once=MAP] [--benchmark_...]\n"
     "\n"
     "  --trace=FILE      replay this recorded block trace\n"
-    "  --replay-once=M   replay the trace once into one map, and measure nothing: for a profiler\n"
+    "  --max-ranges=N    the largest maps, 1000000 by default; the smallest have 10000 ranges\n"
+    "  --replay-once=MAP replay the trace once into one map, and measure nothing: for a profiler\n"
+    "                      (skip-list, std-map, btree-map or icl-map)\n"
     "  --benchmark_...   flags of Google Benchmark, such as\n"
     "                      --benchmark_filter=REGEX --benchmark_list_tests=true\n"
     "                      --benchmark_repetitions=N --benchmark_report_aggregates_only=true\n"
@@ -49,6 +49,7 @@ class WaitingThread {
 
 struct Options {
     std::string trace = BENCH_TRACE;
+    std::string maxRanges = "1000000";
     std::string replayOnce;
 };
 
@@ -62,6 +63,7 @@ bool takeValue(std::string_view argument, std::string_view flag, std::string& va
 bool parse(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
         if (takeValue(argv[i], "--trace=", options.trace)) continue;
+        if (takeValue(argv[i], "--max-ranges=", options.maxRanges)) continue;
         if (takeValue(argv[i], "--replay-once=", options.replayOnce)) continue;
         std::fprintf(stderr, "skiplist-bench: unknown argument %s\n%s", argv[i], usage);
         return false;
@@ -70,20 +72,26 @@ bool parse(int argc, char** argv, Options& options) {
 }
 
 template <typename Map>
-int replayOnce(const Operations& operations) {
+bool replayIf(const std::string& name, const Operations& operations) {
+    if (name != Map::name) return false;
     Map map;
     const unsigned long long sum = serve(map, operations);
     std::printf("%zu operations, %zu ranges, digest of the walks %llu\n", operations.size(),
-                map.ranges().size(), sum);
-    return EXIT_SUCCESS;
+                rangesOf(map).size(), sum);
+    return true;
+}
+
+template <typename... Maps>
+int replayOnce(const std::string& name, const std::string& trace) {
+    const Operations operations = readTrace(trace);
+    if ((replayIf<Maps>(name, operations) || ...)) return EXIT_SUCCESS;
+    std::fprintf(stderr, "skiplist-bench: no such map: %s\n%s", name.c_str(), usage);
+    return EXIT_FAILURE;
 }
 
 int replayOnce(const Options& options) {
-    const Operations operations = readTrace(options.trace);
-    if (options.replayOnce == "skip-list") return replayOnce<NativeMap>(operations);
-    if (options.replayOnce == "std-map") return replayOnce<StdRangeMap>(operations);
-    std::fprintf(stderr, "skiplist-bench: no such map: %s\n%s", options.replayOnce.c_str(), usage);
-    return EXIT_FAILURE;
+    return replayOnce<NativeMap, StdRangeMap, BtreeRangeMap, IclRangeMap>(options.replayOnce,
+                                                                          options.trace);
 }
 
 int measure(const Options& options) {
@@ -91,7 +99,7 @@ int measure(const Options& options) {
     benchmark::AddCustomContext("build_type", BENCH_BUILD_TYPE);
     benchmark::AddCustomContext("flags", BENCH_FLAGS);
     benchmark::AddCustomContext("commit", BENCH_COMMIT);
-    registerCases(options.trace);
+    registerCases(options.trace, std::stoi(options.maxRanges));
     return benchmark::RunSpecifiedBenchmarks() == 0 ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 

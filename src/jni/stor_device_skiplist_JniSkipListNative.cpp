@@ -76,10 +76,9 @@ jlongArray toJava(JNIEnv* env, const std::array<jlong, Length>& values) {
 template <typename Search>
 jlongArray nodeRun(JNIEnv* env, const char* method, jlong handle, Search search) {
     return guarded(env, other(method), [&] {
-        std::shared_ptr<Node> first;
-        std::shared_ptr<Node> last;
-        search(*SkipList::getSkipList(handle, nullptr), first, last);
-        return toJava(env, std::array<jlong, 2>{handleOf(first.get()), handleOf(last.get())});
+        const SkipList::Run run = search(*SkipList::getSkipList(handle, nullptr));
+        return toJava(env,
+                      std::array<jlong, 2>{handleOf(run.first.get()), handleOf(run.last.get())});
     });
 }
 
@@ -280,15 +279,14 @@ jlongArray Java_stor_device_skiplist_JniSkipListNative_getStats(JNIEnv* env, jcl
 
 jlongArray Java_stor_device_skiplist_JniSkipListNative_getNodes(JNIEnv* env, jclass, jlong handle,
                                                                 jlong offset, jint len) {
-    return nodeRun(env, "getNodes", handle, [&](const SkipList& map, auto& first, auto& last) {
-        map.find(offset, len, first, last);
-    });
+    return nodeRun(env, "getNodes", handle,
+                   [&](const SkipList& map) { return map.runOver(offset, len); });
 }
 
 jlongArray Java_stor_device_skiplist_JniSkipListNative_getAllNodes(JNIEnv* env, jclass,
                                                                    jlong handle) {
     return nodeRun(env, "getAllNodes", handle,
-                   [](const SkipList& map, auto& first, auto& last) { map.findAll(first, last); });
+                   [](const SkipList& map) { return map.runOverAll(); });
 }
 
 }  // extern "C"

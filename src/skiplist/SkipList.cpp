@@ -146,6 +146,12 @@ std::shared_ptr<Node> SkipList::findEqualGreater(long long key) const {
 
 void SkipList::find(long long offset, int len, std::shared_ptr<Node>& first,
                     std::shared_ptr<Node>& last) const {
+    const Run run = runOver(offset, len);
+    first = run.first;
+    last = run.last;
+}
+
+SkipList::Run SkipList::runOver(long long offset, int len) const {
     const long long end = Index::endOf(offset, len);
     const std::shared_ptr<Node>& begin = firstEndingAfter(offset);
     const std::shared_ptr<Node>* stop = &begin;
@@ -157,13 +163,17 @@ void SkipList::find(long long offset, int len, std::shared_ptr<Node>& first,
     // A range of negative length ends before it starts, and its end lies behind the walk.
     if (!arrived || end < offset) stop = &firstEndingAfter(end);
     if (*stop != tail && (*stop)->getOffset() < end) stop = &(*stop)->next(0);
-    first = begin;
-    last = *stop;
+    return {begin, *stop};
 }
 
 void SkipList::findAll(std::shared_ptr<Node>& first, std::shared_ptr<Node>& last) const {
-    first = head->next(0);
-    last = tail;
+    const Run run = runOverAll();
+    first = run.first;
+    last = run.last;
+}
+
+SkipList::Run SkipList::runOverAll() const {
+    return {head->next(0), tail};
 }
 
 void SkipList::findRange(long long offset, int len, Node::Arr& predecessors, Node::Arr& successors,

@@ -58,6 +58,15 @@ class SkipList {
               std::shared_ptr<Node>& last) const;
     void findAll(std::shared_ptr<Node>& first, std::shared_ptr<Node>& last) const;
 
+    // The same runs, as the links that lead to their ends: these count no reference, and stay until
+    // the map changes.
+    struct Run {
+        const std::shared_ptr<Node>& first;
+        const std::shared_ptr<Node>& last;
+    };
+    Run runOver(long long offset, int len) const;
+    Run runOverAll() const;
+
     // For each level the last node that ends at or before the range and the first that starts at
     // or after its end; appends the nodes in between to `overlapped`. Throws std::out_of_range if
     // an array has fewer than maxLevel + 1 entries.
