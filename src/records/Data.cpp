@@ -78,13 +78,13 @@ void Data::skip(int bytes, int sectorSize) {
     offset = advance(offset, bytes, sectorSize);
 }
 
-void Data::take(Data& other) {
-    type = other.type;
-    number = other.number;
-    offset = other.offset;
-    majorVer = other.majorVer;
-    minorVer = other.minorVer;
-    buff = std::move(other.buff);
+void Data::swap(Data& other) noexcept {
+    std::swap(type, other.type);
+    std::swap(number, other.number);
+    std::swap(offset, other.offset);
+    std::swap(majorVer, other.majorVer);
+    std::swap(minorVer, other.minorVer);
+    buff.swap(other.buff);
 }
 
 int Data::releaseBuff() {

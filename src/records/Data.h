@@ -58,9 +58,8 @@ class Data {
     // REQUIRES: no buffer, since that holds the bytes from the start; sectorSize != 0.
     void skip(int bytes, int sectorSize);
 
-    // Becomes the location `other`, and takes its buffer from it. A buffer held so far is given
-    // back to Java.
-    void take(Data& other);
+    // Exchanges the locations and buffers of two records. Calls nobody and cannot fail.
+    void swap(Data& other) noexcept;
 
     // Gives the buffer back to Java; 1 if there was one, else 0.
     int releaseBuff();

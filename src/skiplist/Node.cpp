@@ -68,7 +68,7 @@ std::shared_ptr<Node> Node::create(const Index& range, int level) {
 
 std::shared_ptr<Node> Node::create(const Index& range, Data& location, int level) {
     auto node = create(range, level);
-    node->data->take(location);
+    node->data->swap(location);
     return node;
 }
 

@@ -5,8 +5,8 @@
 //
 // Invariants
 //   (1) `forward` has `level + 1` entries from construction until the map is destroyed.
-//   (2) `index`, `data` and `forward` point into the node itself. They own what they point to as
-//       long as they stay: a location goes to another node by Data::take, never by its pointer.
+//   (2) `index`, `data` and `forward` point into the node itself and stay with it: a location goes
+//       to another node by Data::swap, never by its pointer.
 // Ownership: a node owns both records and shares its successors. Nodes are held by the links of
 //   their map and by the arrays and lists of a running operation. A handle given to Java is the
 //   plain address and holds nothing.
@@ -63,18 +63,18 @@ class Node {
     using List = std::unique_ptr<std::list<std::shared_ptr<Node>>>;
 
     Node(Made, const Index& range, int topLevel);
-    // As above, and takes the location, with its buffer, from a record of the caller's.
+    Node(const Node&) = delete;
+    Node& operator=(const Node&) = delete;
+    ~Node();
+
+    // A node with the empty location. All three throw jni_bad_alloc or std::bad_alloc.
+    static std::shared_ptr<Node> create(const Index& range, int level);
+    // A node that takes the location, with its buffer, out of a record.
     static std::shared_ptr<Node> create(const Index& range, Data& location, int level);
     // As above, and ends both records.
     static std::shared_ptr<Node> create(std::unique_ptr<Index>&& index,
                                         std::unique_ptr<Data>&& data, int level);
 
-    Node(const Node&) = delete;
-    Node& operator=(const Node&) = delete;
-    ~Node();
-
-    // A node with the empty location. All of these throw jni_bad_alloc or std::bad_alloc.
-    static std::shared_ptr<Node> create(const Index& range, int level);
     // `n` null references; throws std::bad_alloc if `n` is negative.
     static Arr createArr(int n);
     static void clearArr(int n, Arr arr);
@@ -109,6 +109,7 @@ class Node {
     std::shared_ptr<Node>& linked(int i) { return links()[i]; }
     const std::shared_ptr<Node>& linked(int i) const { return links()[i]; }
 
+    // Has the processor fetch the key while it does something else.
     void prefetchKey() const { __builtin_prefetch(&ownIndex); }
 
     static constexpr int charge = 48;  // bytes

@@ -321,7 +321,7 @@ void SkipList::insertByReplacing(const Index& range, Data& location) {
     const bool leftLeaves =
         fusion.left && !overlapped->empty() && overlapped->front().get() == left;
     auto data = Data::createEmpty();
-    data->take(location);
+    data->swap(location);
     insertNewNodes(index, leftLeaves ? left->data : data, prevArr, nextArr, overlapped);
 }
 
@@ -414,30 +414,35 @@ void SkipList::overlay(const Index& range, Data& location, const Fusion& fusion,
     Node* const kept = neighbour != nullptr ? neighbour : covered != behind ? covered : nullptr;
     const long long gained = bytesGained(fusion, overlap, neighbour);
 
-    // First what may fail. An insert that needs no node is refused where one that does would be.
+    // First what may fail, and calls Java. An insert that needs no node is refused where one that
+    // does would be.
     if (kept != nullptr) MemoryStat::checkMem(Node::charge);
     auto leftPart = overlap.outLeft ? partOfBuffer(*first, first->getOffset(), start) : nullptr;
     auto added = kept != nullptr ? nullptr : Node::create(range, randLevel());
     auto rest = splits ? cut(*last, end, last->getEnd()) : nullptr;
     auto rightPart = keepsLast ? partOfBuffer(*last, end, last->getEnd()) : nullptr;
 
-    if (keepsLast) shorten(*last, end, last->getEnd(), std::move(rightPart));
+    // Java, which gets back the buffers of what is replaced, is not called before the map is whole
+    // again: these buffers are in the exchanged records and in `removed` until then.
+    std::shared_ptr<Node> removed;
+    if (keepsLast) shorten(*last, end, last->getEnd(), rightPart);
     if (overlap.outLeft) {
-        shorten(*first, first->getOffset(), start, std::move(leftPart));
+        shorten(*first, first->getOffset(), start, leftPart);
         passOver(*first);
     }
     if (kept == nullptr) {
-        added->data->take(location);
+        added->data->swap(location);
         if (splits) linkBehindPath(std::move(rest));
         linkBehindPath(std::move(added));
     } else {
         kept->index->set(fusion.offset, static_cast<int>(fusion.len));
         // A range that grows to the right keeps its location, for its start stays where it is.
-        if (!fusion.left) kept->data->take(location);
+        if (!fusion.left) kept->data->swap(location);
         if (neighbour == nullptr) passOver(*kept);
-        while (path.front()->linked(0).get() != behind) unlinkBehindPath();
+        while (path.front()->linked(0).get() != behind) unlinkBehindPath(removed);
     }
     validLen = wrapping::add(validLen, gained);
+    while (removed) removed = std::move(removed->linked(0));
 }
 
 // What an insert adds to `validLen`. If the new range ends inside a stored one on one side only,
@@ -468,9 +473,9 @@ std::unique_ptr<Data> SkipList::partOfBuffer(const Node& node, long long start,
 
 // Leaves a stored node the part [start, end) of its range, at the given location if it is not null.
 void SkipList::shorten(Node& node, long long start, long long end,
-                       std::unique_ptr<Data> part) const {
+                       const std::unique_ptr<Data>& part) const {
     if (part) {
-        node.data->take(*part);
+        node.data->swap(*part);
     } else {
         node.data->skip(lengthOf(node.getOffset(), start), sectorSize);
     }
@@ -492,11 +497,14 @@ void SkipList::linkBehindPath(std::shared_ptr<Node> node) {
     ++size;
 }
 
-void SkipList::unlinkBehindPath() {
-    const std::shared_ptr<Node> node = std::move(path.front()->linked(0));
+// Takes the node behind the path out, and puts it before `removed`.
+void SkipList::unlinkBehindPath(std::shared_ptr<Node>& removed) {
+    std::shared_ptr<Node> node = std::move(path.front()->linked(0));
     for (int i = 0; i <= node->getLevel(); ++i) {
         path[static_cast<std::size_t>(i)]->linked(i) = std::move(node->linked(i));
     }
+    node->linked(0) = std::exchange(removed, nullptr);
+    removed = std::move(node);
     --size;
 }
 
@@ -538,7 +546,7 @@ Node::List SkipList::create(std::unique_ptr<Index>& index, std::unique_ptr<Data>
 void SkipList::replaceAll(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
                           Node::List& overlapped, Node::List& newNodes) {
     Node& whole = append(newNodes, Node::create(*index, randLevel()));
-    whole.data->take(*data);
+    whole.data->swap(*data);
     countReplaced(overlapped, newNodes, whole.getLen() - summedLength(overlapped));
 }
 
@@ -557,7 +565,7 @@ void SkipList::expandLeft(std::unique_ptr<Index>& index, std::unique_ptr<Data>& 
     if (fuses) index = Index::create(newOff, lengthOf(newOff, lastEnd));
     Node& left = append(newNodes, Node::create(*index, randLevel()));
     if (!fuses) append(newNodes, cut(last, newEnd, lastEnd));
-    left.data->take(*data);
+    left.data->swap(*data);
     // Gaps between the overlapped ranges are not counted.
     countReplaced(overlapped, newNodes,
                   wrapping::subtract(overlapped->front()->getOffset(), newOff));
@@ -580,7 +588,7 @@ void SkipList::expandRight(std::unique_ptr<Index>& index, std::unique_ptr<Data>&
         append(newNodes, cut(first, firstOff, newOff));
     }
     Node& right = append(newNodes, Node::create(*index, randLevel()));
-    right.data->take(fuses ? *first.data : *data);
+    right.data->swap(fuses ? *first.data : *data);
     // Gaps between the overlapped ranges are not counted.
     countReplaced(overlapped, newNodes, wrapping::subtract(newEnd, overlapped->back()->getEnd()));
 }
@@ -614,7 +622,7 @@ void SkipList::updateMiddle(std::unique_ptr<Index>& index, std::unique_ptr<Data>
     const int level = fusesLeft ? first.getLevel() : randLevel();
     Node& middle = append(newNodes, Node::create(*index, level));
     if (fusedEnd == newEnd) append(newNodes, cut(last, newEnd, lastEnd));
-    middle.data->take(fusesLeft ? *first.data : *data);
+    middle.data->swap(fusesLeft ? *first.data : *data);
     countReplaced(
         overlapped, newNodes,
         wrapping::subtract(wrapping::subtract(lastEnd, firstOff), summedLength(overlapped)));
@@ -739,12 +747,14 @@ long long SkipList::release() {
 
 void SkipList::copyTo(SkipList* destination) {
     const ChargeBatch batch;
-    // A reference of its own, in case a map is copied into itself and so replaces this very node.
-    for (std::shared_ptr<Node> node = head->nextNode(); node != tail; node = node->nextNode()) {
+    for (std::shared_ptr<Node> node = head->nextNode(); node != tail;) {
+        const long long end = node->getEnd();
         const Index index(*node->index);
         Data data(*node->data);
         // From here on the buffer is the destination's, and given back through its environment.
         if (data.hasBuff()) data.buff->env = destination->env;
         destination->insert(index, data);
+        // A map that is copied into itself may have lost this very node.
+        node = destination == this ? findEqualGreater(end) : node->nextNode();
     }
 }

@@ -97,7 +97,7 @@ class SkipList {
                 unsigned char number);
     void insert(long long offset, int len, int fileOffset, int majorVer, int minorVer,
                 unsigned char number, std::unique_ptr<Buff>&& buff);
-    // Takes the location, with its buffer, out of the record.
+    // Takes the location, with its buffer, out of the record, and may leave there a replaced one.
     void insert(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data);
 
     // Redirects those parts of the range that still lie where `expected` says; true if any did.
@@ -216,10 +216,11 @@ class SkipList {
     static long long bytesGained(const Fusion& fusion, const Overlap& overlap,
                                  const Node* neighbour);
     std::unique_ptr<Data> partOfBuffer(const Node& node, long long start, long long end) const;
-    void shorten(Node& node, long long start, long long end, std::unique_ptr<Data> part) const;
+    void shorten(Node& node, long long start, long long end,
+                 const std::unique_ptr<Data>& part) const;
     void passOver(Node& node);
     void linkBehindPath(std::shared_ptr<Node> node);
-    void unlinkBehindPath();
+    void unlinkBehindPath(std::shared_ptr<Node>& removed);
 
     std::shared_ptr<Node> cut(const Node& source, long long start, long long end);
     Node& append(Node::List& newNodes, std::shared_ptr<Node> node) const;
