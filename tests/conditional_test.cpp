@@ -69,4 +69,14 @@ TEST_F(Conditional, MapCopiedIntoItselfStaysAsItIs) {
     EXPECT_EQ(java.retained(), 1);
 }
 
+TEST_F(Conditional, MapCopiedIntoItselfMayFuseTheRangeBeingCopied) {
+    // The last two continue each other only since the first two became one range.
+    map.insert(inFile(600, 100, 608));
+    map.insert(inFile(0, 300, 0));
+    map.insert(inFile(300, 300, 300));
+    ASSERT_EQ(map->size, 2);
+    map->copyTo(&*map);
+    EXPECT_EQ(snapshotOf(*map).ranges, (std::vector<Stored>{inFile(0, 700, 0)}));
+}
+
 }  // namespace

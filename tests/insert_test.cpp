@@ -3,6 +3,7 @@
 #include <limits>
 #include <random>
 
+#include "memory/Memorystatistics.h"
 #include "support/Faults.h"
 #include "support/TestMap.h"
 
@@ -86,6 +87,34 @@ TEST_F(Insert, BufferedRangesAreCutWithTheirBuffersAndNeverFuse) {
     EXPECT_EQ(java.globalRefs, 3);
     map.insert(inFile(0, 1024, 0, 9));
     EXPECT_EQ(java.globalRefs, 0);
+}
+
+TEST_F(Insert, MapIsWholeWheneverJavaGetsABufferBack) {
+    int released = 0;
+    java.onRelease = [&] {
+        ++released;
+        const Ranges now = ranges();
+        ASSERT_EQ(static_cast<int>(now.size()), map->size);
+        for (std::size_t i = 1; i < now.size(); ++i) ASSERT_LE(now[i - 1].end(), now[i].offset);
+    };
+    std::minstd_rand random(1);
+    for (int i = 0; i < 300; ++i) {
+        const int offset = static_cast<int>(random() % 1000);
+        map.insertBuffered(inFile(offset, 1 + static_cast<int>(random() % 200), 2000 * i));
+    }
+    EXPECT_GT(released, 300);
+    java.onRelease = nullptr;
+}
+
+TEST_F(Insert, InsertIsRefusedAlikeWhetherItNeedsANodeOrNot) {
+    map.insert(inFile(0, 100, 0));
+    const Snapshot before = snapshotOf(*map);
+    MemoryStat::setMaxMem(MemoryStat::getStatisInfo()[6] + 47);
+    for (const Stored& refused : {inFile(0, 100, 0, 9), inFile(100, 100, 100), inFile(500, 1, 0)}) {
+        EXPECT_THROW(map.insert(refused), jni_bad_alloc);
+    }
+    MemoryStat::setMaxMem(std::numeric_limits<long long>::max());
+    EXPECT_EQ(snapshotOf(*map), before);
 }
 
 TEST_F(Insert, GapsAreNotCountedWhereOneEndOnlyIsInsideAStoredRange) {

@@ -96,6 +96,38 @@ TEST_F(Memory, EndedThreadsLoseNothingAlthoughTheirIdsAreUsedAgain) {
     MemoryStat::statsMem(-threads * 10);
 }
 
+TEST_F(Memory, BatchRecordsOnceAtItsEndAndNoLimitMissesWhatItHolds) {
+    const long long swept = sweptTotal();
+    {
+        const ChargeBatch outer;
+        const Index first(0, 1);
+        {
+            const ChargeBatch inner;
+            const Index second(0, 1);
+        }
+        EXPECT_EQ(sweptTotal(), swept);
+        MemoryStat::statsMem(ChargeBatch::bound);  // more than a batch holds back
+        EXPECT_EQ(sweptTotal(), swept + 24 + ChargeBatch::bound);
+        MemoryStat::setMaxMem(sweptTotal() + 23);
+        EXPECT_THROW(Index(0, 1), jni_bad_alloc);
+        MemoryStat::statsMem(-ChargeBatch::bound);
+    }
+    EXPECT_EQ(sweptTotal(), swept);
+}
+
+TEST_F(Memory, BatchIsRecordedEvenWhenNoRecordCanBeMade) {
+    MemoryStat::statsMem(24);
+    sweptTotal();
+    sweptTotal();  // retires this thread's record
+    {
+        const faults::Fault fault(faults::Kind::allocationsFrom, 1);
+        const ChargeBatch batch;
+        MemoryStat::statsMem(24);
+    }
+    EXPECT_EQ(faults::chargedBytes(), chargedBefore + 48);
+    MemoryStat::statsMem(-48);
+}
+
 TEST_F(Memory, CreditIsRecordedEvenWhenNoRecordCanBeMade) {
     MemoryStat::statsMem(24);
     sweptTotal();

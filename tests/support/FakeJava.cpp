@@ -50,8 +50,10 @@ jmethodID getMethodId(JNIEnv* env, jclass, const char* name, const char* signatu
 }
 
 jobject release(JNIEnv* env, const FakeJava::ByteBuf& buffer) {
-    javaOf(env).lastReleaser = env;
+    FakeJava& java = javaOf(env);
+    java.lastReleaser = env;
     --buffer.memory->refCnt;
+    if (java.onRelease) java.onRelease();
     // What a JVM returns for a boolean called as an object: no reference.
     return reinterpret_cast<jobject>(1);
 }

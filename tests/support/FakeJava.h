@@ -6,6 +6,7 @@
 #include <jni.h>
 
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,9 @@ class FakeJava {
     std::deque<Memory> memories;
     std::deque<ByteBuf> buffers;
     std::vector<jlong> array;
+
+    // Runs whenever a buffer is given back.
+    std::function<void()> onRelease;
 
     // What fails.
     std::string missing;          // a class, or a method with its signature
