@@ -74,6 +74,21 @@ TEST_F(Insert, EmptyLocationsFuseWithEmptyOnesOnly) {
     EXPECT_EQ(ranges()[1], inFile(50, 150, -1 + 50, -1, -1, 7));
 }
 
+TEST_F(Insert, EmptyAndStoredLocationsAreConnectedByTestsOfTheirOwn) {
+    const auto index = Index::create(0, 100);
+    const auto data = Data::create(0, 0, 1, 2, 3);
+    const auto empty = Data::createEmpty();
+    for (const auto& [offset, touches] :
+         {std::pair{100, true}, {101, false}, {-50, true}, {-51, false}}) {
+        const auto other = Index::create(offset, 50);
+        const auto location = Data::create(0, offset, 1, 2, 3);
+        EXPECT_EQ(map->isDataConnected(other, location, index, data), touches) << offset;
+        EXPECT_EQ(map->isEmptyDataConnected(other, empty, index, empty), touches) << offset;
+        EXPECT_EQ(map->isConnected(other, location, index, data), touches) << offset;
+        EXPECT_FALSE(map->isConnected(other, empty, index, data)) << offset;
+    }
+}
+
 TEST_F(Insert, BufferedRangesAreCutWithTheirBuffersAndNeverFuse) {
     const Stored all = map.insertBuffered(inFile(0, 1024, 0));
     const Stored middle = map.insertBuffered(inFile(512, 256, 520));
