@@ -692,31 +692,40 @@ void SkipList::link(Node::Arr& predecessors, Node::Arr& successors, Node::List& 
 
 bool SkipList::compareAndSet(std::unique_ptr<Index>& index, std::unique_ptr<Data>& expected,
                              std::unique_ptr<Data>& newData) {
-    const ChargeBatch batch;
-    // All pieces are found before the first insert changes what is there. They are records of
-    // their own: references to the nodes would keep whole chains of replaced ones alive.
-    auto pieces = Index::createList();
-    forEachOverlapped(*index, [&](Node& node) {
-        if (!isConnected(node.index, node.data, index, expected)) return;
-        const long long start = std::max(node.getOffset(), index->getOffset());
-        const long long end = std::min(node.getEnd(), index->getEnd());
-        pieces->push_back(Index::create(start, lengthOf(start, end)));
-    });
-    for (auto& piece : *pieces) {
-        const int skip = lengthOf(index->getOffset(), piece->getOffset());
-        auto location = Data::sliceData(newData, skip, piece->getLen(), sectorSize);
-        insert(piece, location);
-    }
-    return !pieces->empty();
+    return compareAndSet(*index, *expected, *newData);
 }
 
 bool SkipList::compareAndSet(long long offset, int len, int expFileOffset, int expMajorVer,
                              int expMinorVer, unsigned char expNumber, int newFileOffset,
                              int newMajorVer, int newMinorVer, unsigned char newNumber) {
-    auto index = Index::create(offset, len);
-    auto expected = Data::create(0, expFileOffset, expMajorVer, expMinorVer, expNumber);
-    auto newData = Data::create(0, newFileOffset, newMajorVer, newMinorVer, newNumber);
+    const ChargeBatch batch;
+    const Index index(offset, len);
+    const Data expected(0, expFileOffset, expMajorVer, expMinorVer, expNumber);
+    const Data newData(0, newFileOffset, newMajorVer, newMinorVer, newNumber);
     return compareAndSet(index, expected, newData);
+}
+
+bool SkipList::compareAndSet(const Index& range, const Data& expected, const Data& newData) {
+    const ChargeBatch batch;
+    // All pieces are found before the first insert changes what is there. They are no nodes:
+    // references to these would keep whole chains of replaced ones alive.
+    struct Piece {
+        long long start;
+        int len;
+    };
+    std::vector<Piece> pieces;
+    forEachOverlapped(range, [&](Node& node) {
+        if (!continues(*node.index, *node.data, range, expected)) return;
+        const long long start = std::max(node.getOffset(), range.getOffset());
+        const long long end = std::min(node.getEnd(), range.getEnd());
+        pieces.push_back({start, lengthOf(start, end)});
+    });
+    for (const Piece& piece : pieces) {
+        const int skip = lengthOf(range.getOffset(), piece.start);
+        Data location(newData, skip, piece.len, sectorSize);
+        insert(Index(piece.start, piece.len), location);
+    }
+    return !pieces.empty();
 }
 
 long long SkipList::compareAndRelease(std::unique_ptr<Index>& index,

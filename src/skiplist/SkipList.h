@@ -205,6 +205,7 @@ class SkipList {
                 const Node& right) const;
 
     void insert(const Index& range, Data& location);
+    bool compareAndSet(const Index& range, const Data& expected, const Data& newData);
     void insertByReplacing(const Index& range, Data& location);
     bool insertInPlace(const Index& range, Data& location);
     void leadPathTo(long long key);
