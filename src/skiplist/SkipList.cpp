@@ -402,47 +402,59 @@ bool SkipList::continuesOverlapped(const Index& range, const Data& location, con
 // Lays the range over what is there. A neighbour, unless null, is the one that takes it in.
 void SkipList::overlay(const Index& range, Data& location, const Fusion& fusion,
                        const Overlap& overlap, Node* neighbour) {
-    const long long start = range.getOffset();
-    const long long end = range.getEnd();
-    Node* const first = overlap.first;
-    Node* const last = overlap.last;
-    const bool splits = overlap.outLeft && overlap.outRight && first == last;
-    const bool keepsLast = overlap.outRight && !splits;
-    // The nodes from `covered` up to `behind` lie inside the range.
-    Node* const covered = overlap.outLeft ? first->linked(0).get() : first;
-    Node* const behind = keepsLast ? last : overlap.next;
-    Node* const kept = neighbour != nullptr ? neighbour : covered != behind ? covered : nullptr;
+    const Plan plan = planOverlay(overlap, neighbour);
     const long long gained = bytesGained(fusion, overlap, neighbour);
+    Parts parts = makeParts(range, overlap, plan);
 
-    // First what may fail, and calls Java. An insert that needs no node is refused where one that
-    // does would be.
-    if (kept != nullptr) MemoryStat::checkMem(Node::charge);
-    auto leftPart = overlap.outLeft ? partOfBuffer(*first, first->getOffset(), start) : nullptr;
-    auto added = kept != nullptr ? nullptr : Node::create(range, randLevel());
-    auto rest = splits ? cut(*last, end, last->getEnd()) : nullptr;
-    auto rightPart = keepsLast ? partOfBuffer(*last, end, last->getEnd()) : nullptr;
-
-    // Java, which gets back the buffers of what is replaced, is not called before the map is whole
-    // again: these buffers are in the exchanged records and in `removed` until then.
+    // Nothing can fail any more. Java, which gets back the buffers of what is replaced, is not
+    // called before the map is whole again: until then the exchanged records and `removed` hold
+    // them.
     std::shared_ptr<Node> removed;
-    if (keepsLast) shorten(*last, end, last->getEnd(), rightPart);
-    if (overlap.outLeft) {
-        shorten(*first, first->getOffset(), start, leftPart);
-        passOver(*first);
+    if (plan.keepsLast) {
+        shorten(*overlap.last, range.getEnd(), overlap.last->getEnd(), parts.right);
     }
-    if (kept == nullptr) {
-        added->data->swap(location);
-        if (splits) linkBehindPath(std::move(rest));
-        linkBehindPath(std::move(added));
+    if (overlap.outLeft) {
+        shorten(*overlap.first, overlap.first->getOffset(), range.getOffset(), parts.left);
+        passOver(*overlap.first);
+    }
+    if (plan.kept == nullptr) {
+        parts.added->data->swap(location);
+        if (plan.splits) linkBehindPath(std::move(parts.rest));
+        linkBehindPath(std::move(parts.added));
     } else {
-        kept->index->set(fusion.offset, static_cast<int>(fusion.len));
+        plan.kept->index->set(fusion.offset, static_cast<int>(fusion.len));
         // A range that grows to the right keeps its location, for its start stays where it is.
-        if (!fusion.left) kept->data->swap(location);
-        if (neighbour == nullptr) passOver(*kept);
-        while (path.front()->linked(0).get() != behind) unlinkBehindPath(removed);
+        if (!fusion.left) plan.kept->data->swap(location);
+        if (neighbour == nullptr) passOver(*plan.kept);
+        while (path.front()->linked(0).get() != plan.behind) unlinkBehindPath(removed);
     }
     validLen = wrapping::add(validLen, gained);
     while (removed) removed = std::move(removed->linked(0));
+}
+
+SkipList::Plan SkipList::planOverlay(const Overlap& overlap, Node* neighbour) {
+    Plan plan{};
+    plan.splits = overlap.outLeft && overlap.outRight && overlap.first == overlap.last;
+    plan.keepsLast = overlap.outRight && !plan.splits;
+    plan.behind = plan.keepsLast ? overlap.last : overlap.next;
+    Node* const covered = overlap.outLeft ? overlap.first->linked(0).get() : overlap.first;
+    plan.kept = neighbour == nullptr && covered != plan.behind ? covered : neighbour;
+    return plan;
+}
+
+// Makes what the plan needs and does not have, with Java's help where buffers are cut. An insert
+// that needs no node is refused where one that does would be.
+SkipList::Parts SkipList::makeParts(const Index& range, const Overlap& overlap, const Plan& plan) {
+    const long long start = range.getOffset();
+    const long long end = range.getEnd();
+    const Node& first = *overlap.first;
+    if (plan.kept != nullptr) MemoryStat::checkMem(Node::charge);
+    Parts parts;
+    if (overlap.outLeft) parts.left = partOfBuffer(first, first.getOffset(), start);
+    if (plan.kept == nullptr) parts.added = Node::create(range, randLevel());
+    if (plan.splits) parts.rest = cut(first, end, first.getEnd());
+    if (plan.keepsLast) parts.right = partOfBuffer(*overlap.last, end, overlap.last->getEnd());
+    return parts;
 }
 
 // What an insert adds to `validLen`. If the new range ends inside a stored one on one side only,

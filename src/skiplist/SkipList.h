@@ -190,6 +190,21 @@ class SkipList {
         bool outRight;    // the last one ends behind it
     };
 
+    // What becomes of the nodes that a new range lies over.
+    struct Plan {
+        Node* kept;          // becomes the new range; null if a node is to be added
+        const Node* behind;  // the nodes after `kept` up to this one are covered, and go
+        bool splits;         // one stored range sticks out on both sides
+        bool keepsLast;      // the last one stays, as what sticks out on the right
+    };
+    // What an insert needs besides; null is what it does not need.
+    struct Parts {
+        std::unique_ptr<Data> left;  // location of what sticks out, where it has a buffer
+        std::unique_ptr<Data> right;
+        std::shared_ptr<Node> added;
+        std::shared_ptr<Node> rest;  // what sticks out on the right of a range that is split
+    };
+
     const std::shared_ptr<Node>& firstEndingAfter(long long key) const;
     template <typename Note>
     const std::shared_ptr<Node>& descend(long long key, int from, Note note) const;
@@ -214,6 +229,8 @@ class SkipList {
                              const Overlap& overlap) const;
     void overlay(const Index& range, Data& location, const Fusion& fusion, const Overlap& overlap,
                  Node* neighbour);
+    static Plan planOverlay(const Overlap& overlap, Node* neighbour);
+    Parts makeParts(const Index& range, const Overlap& overlap, const Plan& plan);
     static long long bytesGained(const Fusion& fusion, const Overlap& overlap,
                                  const Node* neighbour);
     std::unique_ptr<Data> partOfBuffer(const Node& node, long long start, long long end) const;
