@@ -132,6 +132,17 @@ TEST_F(Insert, InsertIsRefusedAlikeWhetherItNeedsANodeOrNot) {
     EXPECT_EQ(snapshotOf(*map), before);
 }
 
+TEST_F(Insert, PlaceOfTheLastInsertIsNotTrustedAmongRangesOutOfOrder) {
+    TestMap flat(java, 512, 1);
+    flat.insert(inFile(0, 100, 0));
+    flat.insert(inFile(50, -20, 7));  // ends at 30, behind a range that ends at 50
+    MemoryStat::setMaxMem(MemoryStat::getStatisInfo()[6] + 47);  // refuses a node
+    EXPECT_THROW(flat.insert(inFile(60, 5, 8)), jni_bad_alloc);
+    MemoryStat::setMaxMem(std::numeric_limits<long long>::max());
+    flat.insert(inFile(40, 5, 9));
+    EXPECT_EQ(snapshotOf(*flat).ranges[1], inFile(40, 5, 9));
+}
+
 TEST_F(Insert, GapsAreNotCountedWhereOneEndOnlyIsInsideAStoredRange) {
     map.insert(inFile(0, 10, 0));
     map.insert(inFile(20, 10, 0, 4));

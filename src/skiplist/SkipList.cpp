@@ -337,6 +337,7 @@ void SkipList::insertByReplacing(const Index& range, Data& location) {
 // False, with nothing done, for what is rare: a range that continues one that it overlaps, both its
 // neighbours, the right one while it overlaps others, or one that covers no byte.
 bool SkipList::insertInPlace(const Index& range, Data& location) {
+    noteOrder(range);
     const Overlap overlap = findOverlap(range);
     const Fusion fusion = fuse(range, location, *path.front(), *overlap.next);
     if (fusion.right && (fusion.left || overlap.count > 0)) return false;
@@ -348,10 +349,14 @@ bool SkipList::insertInPlace(const Index& range, Data& location) {
     return true;
 }
 
+void SkipList::noteOrder(const Index& range) {
+    if (range.getEnd() <= range.getOffset()) isOrdered = false;
+}
+
 // Makes `path` end at the last node that ends at or before `key`. Often it does so already, or one
 // step before, since many writes go on where the one before them stopped.
 void SkipList::leadPathTo(long long key) {
-    if (path.front()->getEnd() <= key) {
+    if (isOrdered && path.front()->getEnd() <= key) {
         Node* next = path.front()->linked(0).get();
         if (next->getEnd() <= key && next != tail.get()) {
             passOver(*next);
@@ -650,7 +655,8 @@ std::shared_ptr<Node> SkipList::cut(const Node& source, long long start, long lo
 }
 
 // Appends a node and links those before it to it.
-Node& SkipList::append(Node::List& newNodes, std::shared_ptr<Node> node) const {
+Node& SkipList::append(Node::List& newNodes, std::shared_ptr<Node> node) {
+    noteOrder(*node->index);
     for (auto& earlier : *newNodes) link(earlier, node);
     newNodes->push_back(std::move(node));
     return *newNodes->back();

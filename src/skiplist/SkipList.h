@@ -223,6 +223,7 @@ class SkipList {
     bool compareAndSet(const Index& range, const Data& expected, const Data& newData);
     void insertByReplacing(const Index& range, Data& location);
     bool insertInPlace(const Index& range, Data& location);
+    void noteOrder(const Index& range);
     void leadPathTo(long long key);
     Overlap findOverlap(const Index& range);
     bool continuesOverlapped(const Index& range, const Data& location, const Fusion& fusion,
@@ -241,12 +242,16 @@ class SkipList {
     void unlinkBehindPath(std::shared_ptr<Node>& removed);
 
     std::shared_ptr<Node> cut(const Node& source, long long start, long long end);
-    Node& append(Node::List& newNodes, std::shared_ptr<Node> node) const;
+    Node& append(Node::List& newNodes, std::shared_ptr<Node> node);
     void countReplaced(const Node::List& overlapped, const Node::List& newNodes,
                        long long coveredBytes);
 
     // No node is linked above it. Searches begin there, and `path` holds `head` above it.
     int topLevel = 0;
+
+    // Every range so far ends behind its start, so that ends are in order like starts. Otherwise
+    // a node that ends before a key does not say that all nodes before it do.
+    bool isOrdered = true;
 
     // For each level the last node at or before one place of the map, that of the latest insert. It
     // stays so when nodes are linked or unlinked right behind that place or records change, which
