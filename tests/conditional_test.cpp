@@ -60,6 +60,17 @@ TEST_F(Conditional, CopiedBufferIsGivenBackThroughTheDestinationsEnvironment) {
     EXPECT_EQ(java.lastReleaser, java.otherEnv());
 }
 
+TEST_F(Conditional, RecordsServeLikeNumbers) {
+    auto index = Index::create(0, 100);
+    auto stored = Data::create(0, 0, 1, 2, 3);
+    map->insert(index, stored);
+    auto expected = Data::create(0, 0, 1, 2, 3);
+    auto moved = Data::create(0, 500, 9, 2, 3);
+    EXPECT_TRUE(map->compareAndSet(index, expected, moved));
+    EXPECT_EQ(snapshotOf(*map).ranges, (std::vector<Stored>{inFile(0, 100, 500, 9)}));
+    EXPECT_FALSE(map->compareAndSet(index, expected, moved));
+}
+
 TEST_F(Conditional, MapCopiedIntoItselfStaysAsItIs) {
     for (int i = 0; i < 20; ++i) map.insert(inFile(i * 10LL, 10, i * 10 + i % 3));
     map.insertBuffered(inFile(500, 100, 0));
