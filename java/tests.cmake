@@ -9,22 +9,23 @@ find_required_jars(junit_launcher
 find_required_jars(guava guava error-prone-annotations)
 
 set(tests src/test/java/stor/device)
+set(benchmarks src/bench/java/stor/device/bench)
 add_jar(skiplist-java-tests
   SOURCES
-    ${tests}/bench/Agreement.java
-    ${tests}/bench/Contender.java
-    ${tests}/bench/GuavaRangeMap.java
-    ${tests}/bench/LayerRangeMap.java
-    ${tests}/bench/NativeRangeMap.java
-    ${tests}/bench/NavigableRangeMap.java
-    ${tests}/bench/Operation.java
-    ${tests}/bench/Options.java
-    ${tests}/bench/RangeMap.java
-    ${tests}/bench/RangeMapBenchmark.java
-    ${tests}/bench/Results.java
-    ${tests}/bench/SegmentLog.java
-    ${tests}/bench/Summary.java
-    ${tests}/bench/Workloads.java
+    ${benchmarks}/Agreement.java
+    ${benchmarks}/Contender.java
+    ${benchmarks}/GuavaRangeMap.java
+    ${benchmarks}/LayerRangeMap.java
+    ${benchmarks}/NativeRangeMap.java
+    ${benchmarks}/NavigableRangeMap.java
+    ${benchmarks}/Operation.java
+    ${benchmarks}/Options.java
+    ${benchmarks}/RangeMap.java
+    ${benchmarks}/RangeMapBenchmark.java
+    ${benchmarks}/Results.java
+    ${benchmarks}/SegmentLog.java
+    ${benchmarks}/Summary.java
+    ${benchmarks}/Workloads.java
     ${tests}/replay/BlockStoreTest.java
     ${tests}/replay/BlockStoreThreadsTest.java
     ${tests}/replay/CheckedMap.java
