@@ -23,11 +23,6 @@ std::shared_ptr<Node> createSentinel(long long position, int level) {
     return Node::create(Index(position, 0), level);
 }
 
-// An assignment costs two atomic operations; most entries stay what they were.
-void assignIfOther(std::shared_ptr<Node>& entry, const std::shared_ptr<Node>& node) {
-    if (entry != node) entry = node;
-}
-
 // Drops the references in a per-level array at the end of a scope.
 class ClearedAtEnd {
   public:
@@ -184,8 +179,8 @@ void SkipList::findRange(long long offset, int len, Node::Arr& predecessors, Nod
     std::shared_ptr<Node>* const after = &Node::at(*successors, maxLevel) - maxLevel;
     const std::shared_ptr<Node>* node =
         &descend(offset, maxLevel, [&](int level, const auto& previous, const auto& next) {
-            assignIfOther(before[level], previous);
-            assignIfOther(after[level], next);
+            before[level] = previous;
+            after[level] = next;
         });
     // What the descent took for a successor may itself be overlapped. Each node walked over hands
     // its own successors on, so that at every level the nodes between the two neighbours are
