@@ -2,11 +2,13 @@
 
 #include <benchmark/benchmark.h>
 #include <malloc.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <barrier>
 #include <chrono>
 #include <ctime>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -140,21 +142,26 @@ struct Copying {
     }
 };
 
-std::size_t heapInUse() {
-    const struct mallinfo2 heap = mallinfo2();
-    return heap.uordblks + heap.hblkhd;
+// What the process occupies, without what its heap keeps for later.
+long long residentBytes() {
+    malloc_trim(0);
+    std::ifstream figures("/proc/self/statm");
+    long long mapped = 0;
+    long long resident = 0;
+    figures >> mapped >> resident;
+    return resident * sysconf(_SC_PAGESIZE);
 }
 
-// What the map takes of the heap, the allocator's own bytes included.
+// What the map takes of the memory of the machine.
 struct Memory {
     template <typename Map>
     static void run(benchmark::State& state, Case& measured) {
         const Workload workload = measured.workload();
-        std::size_t bytes = 0;
+        long long bytes = 0;
         for (auto _ : state) {
-            const std::size_t before = heapInUse();
+            const long long before = residentBytes();
             const auto map = mapAfter<Map>(workload);
-            bytes = heapInUse() - before;
+            bytes = residentBytes() - before;
             state.SetIterationTime(1);
         }
         const auto ranges = static_cast<double>(measured.ranges());

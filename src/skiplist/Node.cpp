@@ -12,22 +12,26 @@ constinit thread_local std::shared_ptr<Node>* std::allocator<std::shared_ptr<Nod
 
 namespace {
 
-// Leaves room for the links of a node behind it. A node is the last part of what
-// std::allocate_shared puts into one block.
+// What std::allocate_shared puts before the node: its virtual table, its counts, its allocator.
+constexpr std::size_t sharedBytes = 3 * sizeof(void*);
+
+// Allocates a block of a slab. It has room for the links of a node behind the node itself, which is
+// the last part of what std::allocate_shared puts there.
 template <typename T>
 struct BlockAllocator {
     using value_type = T;
 
-    explicit BlockAllocator(std::size_t n) : links(n) {}
+    explicit BlockAllocator(Slab& from) : slab(&from) {}
     template <typename Other>
-    explicit(false) BlockAllocator(const BlockAllocator<Other>& other) : links(other.links) {}
+    explicit(false) BlockAllocator(const BlockAllocator<Other>& other) : slab(other.slab) {}
 
     T* allocate(std::size_t) {
-        return static_cast<T*>(::operator new(sizeof(T) + links * sizeof(std::shared_ptr<Node>)));
+        static_assert(sizeof(T) <= sharedBytes + sizeof(Node));
+        return static_cast<T*>(slab->take());
     }
-    void deallocate(T* block, std::size_t) noexcept { ::operator delete(block); }
+    void deallocate(T* block, std::size_t) noexcept { slab->give(block); }
 
-    std::size_t links;
+    Slab* slab;
 };
 
 std::size_t checkedCount(int n) {
@@ -61,13 +65,15 @@ Node::~Node() {
     MemoryStat::statsMem(-charge);
 }
 
-std::shared_ptr<Node> Node::create(const Index& range, int level) {
-    const BlockAllocator<Node> block(checkedCount(level + 1));
-    return std::allocate_shared<Node>(block, Made{}, range, level);
+std::shared_ptr<Node> Node::create(const Index& range, int level, BlockPool* pool) {
+    const std::size_t links = checkedCount(level + 1);
+    const std::size_t bytes = sharedBytes + sizeof(Node) + links * sizeof(std::shared_ptr<Node>);
+    Slab& slab = pool != nullptr ? pool->slabFor(links, bytes) : Slab::ofOne(bytes);
+    return std::allocate_shared<Node>(BlockAllocator<Node>(slab), Made{}, range, level);
 }
 
-std::shared_ptr<Node> Node::create(const Index& range, Data& location, int level) {
-    auto node = create(range, level);
+std::shared_ptr<Node> Node::create(const Index& range, Data& location, int level, BlockPool* pool) {
+    auto node = create(range, level, pool);
     node->data->swap(location);
     return node;
 }

@@ -24,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "memory/BlockPool.h"
 #include "records/Data.h"
 #include "records/Index.h"
 
@@ -67,10 +68,12 @@ class Node {
     Node& operator=(const Node&) = delete;
     ~Node();
 
-    // A node with the empty location. All three throw jni_bad_alloc or std::bad_alloc.
-    static std::shared_ptr<Node> create(const Index& range, int level);
+    // A node with the empty location, in a block of the pool, or in one of its own. All three throw
+    // jni_bad_alloc or std::bad_alloc.
+    static std::shared_ptr<Node> create(const Index& range, int level, BlockPool* pool = nullptr);
     // A node that takes the location, with its buffer, out of a record.
-    static std::shared_ptr<Node> create(const Index& range, Data& location, int level);
+    static std::shared_ptr<Node> create(const Index& range, Data& location, int level,
+                                        BlockPool* pool = nullptr);
     // As above, and ends both records.
     static std::shared_ptr<Node> create(std::unique_ptr<Index>&& index,
                                         std::unique_ptr<Data>&& data, int level);
@@ -111,6 +114,7 @@ class Node {
 
     // Has the processor fetch the key while it does something else.
     void prefetchKey() const { __builtin_prefetch(&ownIndex); }
+    void prefetchLocation() const { __builtin_prefetch(&ownData); }
 
     static constexpr int charge = 48;  // bytes
 
@@ -128,11 +132,11 @@ class Node {
         return reinterpret_cast<const std::shared_ptr<Node>*>(this + 1);
     }
 
-    Data ownData;
     // Never destroyed, since its array is not its own.
     union {
         std::vector<std::shared_ptr<Node>> ownForward;
     };
-    // Last, and so beside the links: these two are what a search reads.
+    // Last, and so beside the links: what a search reads comes with one line of the cache or two.
+    Data ownData;
     Index ownIndex;
 };

@@ -115,8 +115,8 @@ void SkipList::setJNIEnv(JNIEnv* jniEnv) {
 // Searches go from link to link through plain references to the links themselves, and so touch no
 // reference count. `tail` ends every level, therefore a link that is followed is never null.
 // `note(level, x, next)` is told, from the highest level down, the last node that ends at or before
-// `key` and the one after it; returned is the latter at level 0. No entry needs a check: a node
-// that is met on a level is linked there.
+// `key` and the one after it; returned is the latter at level 0, or where `note` returns true. No
+// entry needs a check: a node that is met on a level is linked there.
 template <typename Note>
 const std::shared_ptr<Node>& SkipList::descend(long long key, int from, Note note) const {
     const std::shared_ptr<Node>* x = &head;
@@ -126,13 +126,16 @@ const std::shared_ptr<Node>& SkipList::descend(long long key, int from, Note not
             x = next;
             next = &follow(**x, i);
         }
-        note(i, *x, *next);
+        if (note(i, *x, *next)) return *next;
     }
     return (*x)->linked(0);
 }
 
 const std::shared_ptr<Node>& SkipList::firstEndingAfter(long long key) const {
-    return descend(key, topLevel, [](int, const auto&, const auto&) {});
+    // A node that holds the key is the one, however high it is met.
+    return descend(key, topLevel, [&](int, const auto&, const auto& next) {
+        return isOrdered && next->getOffset() <= key;
+    });
 }
 
 std::shared_ptr<Node> SkipList::findEqualGreater(long long key) const {
@@ -149,10 +152,12 @@ void SkipList::find(long long offset, int len, std::shared_ptr<Node>& first,
 SkipList::Run SkipList::runOver(long long offset, int len) const {
     const long long end = Index::endOf(offset, len);
     const std::shared_ptr<Node>& begin = firstEndingAfter(offset);
+    begin->prefetchLocation();
     const std::shared_ptr<Node>* stop = &begin;
     // The first node that ends after `end` is a few steps on, or else worth a descent.
     for (int steps = 0; *stop != tail && (*stop)->getEnd() <= end && steps < longestWalk; ++steps) {
         stop = &(*stop)->next(0);
+        (*stop)->prefetchLocation();
     }
     const bool arrived = *stop == tail || (*stop)->getEnd() > end;
     // A range of negative length ends before it starts, and its end lies behind the walk.
@@ -181,6 +186,7 @@ void SkipList::findRange(long long offset, int len, Node::Arr& predecessors, Nod
         &descend(offset, maxLevel, [&](int level, const auto& previous, const auto& next) {
             before[level] = previous;
             after[level] = next;
+            return false;
         });
     // What the descent took for a successor may itself be overlapped. Each node walked over hands
     // its own successors on, so that at every level the nodes between the two neighbours are
@@ -361,6 +367,7 @@ void SkipList::leadPathTo(long long key) {
     }
     descend(key, topLevel, [this](int level, const auto& previous, const auto&) {
         path[static_cast<std::size_t>(level)] = previous.get();
+        return false;
     });
 }
 
@@ -451,7 +458,7 @@ SkipList::Parts SkipList::makeParts(const Index& range, const Overlap& overlap, 
     if (plan.kept != nullptr) MemoryStat::checkMem(Node::charge);
     Parts parts;
     if (overlap.outLeft) parts.left = partOfBuffer(first, first.getOffset(), start);
-    if (plan.kept == nullptr) parts.added = Node::create(range, randLevel());
+    if (plan.kept == nullptr) parts.added = Node::create(range, randLevel(), &pool);
     if (plan.splits) parts.rest = cut(first, end, first.getEnd());
     if (plan.keepsLast) parts.right = partOfBuffer(*overlap.last, end, overlap.last->getEnd());
     return parts;
@@ -557,7 +564,7 @@ Node::List SkipList::create(std::unique_ptr<Index>& index, std::unique_ptr<Data>
 //   becomes  [------------------)
 void SkipList::replaceAll(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
                           Node::List& overlapped, Node::List& newNodes) {
-    Node& whole = append(newNodes, Node::create(*index, randLevel()));
+    Node& whole = append(newNodes, Node::create(*index, randLevel(), &pool));
     whole.data->swap(*data);
     countReplaced(overlapped, newNodes, whole.getLen() - summedLength(overlapped));
 }
@@ -575,7 +582,7 @@ void SkipList::expandLeft(std::unique_ptr<Index>& index, std::unique_ptr<Data>& 
     const bool fuses = isConnected(index, data, last.index, last.data) &&
                        lengthOf(newOff, lastEnd) != longestRange;
     if (fuses) index = Index::create(newOff, lengthOf(newOff, lastEnd));
-    Node& left = append(newNodes, Node::create(*index, randLevel()));
+    Node& left = append(newNodes, Node::create(*index, randLevel(), &pool));
     if (!fuses) append(newNodes, cut(last, newEnd, lastEnd));
     left.data->swap(*data);
     // Gaps between the overlapped ranges are not counted.
@@ -599,7 +606,7 @@ void SkipList::expandRight(std::unique_ptr<Index>& index, std::unique_ptr<Data>&
     } else {
         append(newNodes, cut(first, firstOff, newOff));
     }
-    Node& right = append(newNodes, Node::create(*index, randLevel()));
+    Node& right = append(newNodes, Node::create(*index, randLevel(), &pool));
     right.data->swap(fuses ? *first.data : *data);
     // Gaps between the overlapped ranges are not counted.
     countReplaced(overlapped, newNodes, wrapping::subtract(newEnd, overlapped->back()->getEnd()));
@@ -632,7 +639,7 @@ void SkipList::updateMiddle(std::unique_ptr<Index>& index, std::unique_ptr<Data>
     if (!fusesLeft) append(newNodes, cut(first, firstOff, newOff));
     if (fusesLeft || fusesRight) index = Index::create(fusedOff, lengthOf(fusedOff, fusedEnd));
     const int level = fusesLeft ? first.getLevel() : randLevel();
-    Node& middle = append(newNodes, Node::create(*index, level));
+    Node& middle = append(newNodes, Node::create(*index, level, &pool));
     if (fusedEnd == newEnd) append(newNodes, cut(last, newEnd, lastEnd));
     middle.data->swap(fusesLeft ? *first.data : *data);
     countReplaced(
@@ -646,7 +653,7 @@ std::shared_ptr<Node> SkipList::cut(const Node& source, long long start, long lo
     const int skip = lengthOf(source.getOffset(), start);
     const Index range(start, len);
     Data location(*source.data, skip, len, sectorSize);
-    return Node::create(range, location, randLevel());
+    return Node::create(range, location, randLevel(), &pool);
 }
 
 // Appends a node and links those before it to it.

@@ -246,6 +246,9 @@ class SkipList {
     void countReplaced(const Node::List& overlapped, const Node::List& newNodes,
                        long long coveredBytes);
 
+    // Holds the nodes between the sentinels.
+    BlockPool pool;
+
     // No node is linked above it. Searches begin there, and `path` holds `head` above it.
     int topLevel = 0;
 
