@@ -234,6 +234,10 @@ class Failures : public testing::TestWithParam<Failing> {
     static bool comparesBuffers() { return GetParam() != Failing::globalReference; }
 
     int failures = 0;
+
+  private:
+    // Each node is an allocation, so that each can fail, and its charges can.
+    const SlabSizes slabSizes{true};
 };
 
 TEST_P(Failures, ChangeHappensWhollyOrNotAtAllOrPieceByPiece) {

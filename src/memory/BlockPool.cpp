@@ -11,15 +11,12 @@ namespace {
 constexpr std::size_t largestSlab = 64 << 10;  // bytes
 constexpr std::size_t hugePage = 2 << 20;      // bytes
 
-// From here on a map's slabs come from chunks: part of a huge page unused is then little beside it.
-constexpr std::size_t slabsOfLargeMap = 64;
+// From here on the slabs of a map come from chunks: what a huge page leaves unused is then little.
+constexpr std::size_t largeMap = 4 << 20;  // bytes
 
 std::size_t nextCapacity(const Slab::Kind& kind, std::size_t blockBytes) {
-#ifdef SKIPLIST_SLABS_OF_ONE
-    // So that the address sanitizer sees each block as an allocation of its own.
-    return 1;
-#endif
-    const std::size_t wanted = std::max<std::size_t>(4, kind.blocks / 4);
+    if (BlockPool::slabsOfOne) return 1;
+    const std::size_t wanted = std::max<std::size_t>(4, kind.bytes / blockBytes / 4);
     return wanted * blockBytes > largestSlab / 2 ? largestSlab / blockBytes : wanted;
 }
 
@@ -52,7 +49,8 @@ void Slab::GiveBack::operator()(std::byte* room) const noexcept {
     if (chunk != nullptr) {
         chunk->give(room);
     } else if (isMapped) {
-        munmap(room, hugePage);
+        // Unmapped it may not be where the process has as many mappings as it may have.
+        if (munmap(room, hugePage) != 0) madvise(room, hugePage, MADV_DONTNEED);
     } else {
         ::operator delete(room);
     }
@@ -81,14 +79,14 @@ void Slab::regainRoom() noexcept {
     auto& slabs = kind->slabs;
     slabs.splice(slabs.begin(), slabs, self);
     if (!isSpare()) return;
-    kind->blocks -= capacity();
+    kind->bytes -= bytes();
     slabs.erase(self);
 }
 
 // A slab in a chunk is never kept: it would hold the whole chunk.
 bool Slab::isSpare() const {
     if (used > 0) return false;
-    if (capacity() == 1 || memory.get_deleter().chunk != nullptr) return true;
+    if (bytes() == blockBytes || memory.get_deleter().chunk != nullptr) return true;
     const auto other = std::next(self);
     return other != kind->slabs.end() && (*other)->hasRoom();
 }
@@ -112,15 +110,15 @@ Slab& BlockPool::slabFor(std::size_t kind, std::size_t blockBytes) {
     Slab::Kind& own = kinds[kind];
     if (hasRoom(own)) return *own.slabs.front();
     const std::size_t blocks = nextCapacity(own, blockBytes);
-    const bool fromChunk = blocks == largestSlab / blockBytes && slabCount() >= slabsOfLargeMap;
+    const bool fromChunk = blocks == largestSlab / blockBytes && slabBytes() >= largeMap;
     return add(own, fromChunk ? takeFromChunk() : allocate(blocks * blockBytes), blockBytes,
                blocks);
 }
 
-std::size_t BlockPool::slabCount() const {
-    std::size_t count = 0;
-    for (const Slab::Kind& kind : kinds) count += kind.slabs.size();
-    return count;
+std::size_t BlockPool::slabBytes() const {
+    std::size_t sum = 0;
+    for (const Slab::Kind& kind : kinds) sum += kind.bytes;
+    return sum;
 }
 
 Slab::Memory BlockPool::takeFromChunk() {
@@ -136,6 +134,6 @@ Slab& BlockPool::add(Slab::Kind& kind, Slab::Memory room, std::size_t blockBytes
     Slab& slab = *slabs.front();
     slab.kind = &kind;
     slab.self = slabs.begin();
-    kind.blocks += blocks;
+    kind.bytes += slab.bytes();
     return slab;
 }

@@ -7,13 +7,13 @@
 //
 // Invariants
 //   (1) Of the slabs of one kind those that have room come first.
-//   (2) A slab without a block in use is kept only if no other of its kind has room, and not at all
-//       in a chunk.
+//   (2) At most one slab of a kind is without a block in use, and none that lies in a chunk.
 // Ownership: a pool owns its slabs. When it goes, a slab with blocks in use stays until the last of
 //   them is given back.
-// Threads: one at a time for a pool and its blocks.
+// Threads: one at a time for a pool and its blocks, even after the pool has gone.
 // Cost: constant. A new slab holds a quarter of the blocks that its kind has, but at least four and
-//   at most 64 KiB; from the 64th slab on, those of 64 KiB come from chunks of 2 MiB.
+//   at most 64 KiB. Once they are 4 MiB in all, those of 64 KiB come from chunks of 2 MiB. An empty
+//   pool takes half a kilobyte.
 #pragma once
 
 #include <array>
@@ -29,7 +29,7 @@ class Slab {
     // The slabs for one block size.
     struct Kind {
         std::list<std::unique_ptr<Slab>> slabs;
-        std::size_t blocks = 0;  // that they hold when full
+        std::size_t bytes = 0;  // of all of them
     };
 
     // Where the memory of a slab comes from: a block of a chunk, pages of the system, or the heap.
@@ -78,9 +78,7 @@ class Slab {
         Free* next;
     };
 
-    std::size_t capacity() const {
-        return static_cast<std::size_t>(end - memory.get()) / blockBytes;
-    }
+    std::size_t bytes() const { return static_cast<std::size_t>(end - memory.get()); }
     void becomeFull() noexcept;
     void regainRoom() noexcept;
     bool isSpare() const;
@@ -105,11 +103,20 @@ class BlockPool {
     BlockPool& operator=(const BlockPool&) = delete;
     ~BlockPool();
 
-    // A slab that has room. REQUIRES: always the same size for a kind. Throws std::bad_alloc.
+    // Whether a slab holds a single block, for tools and tests to see each as an allocation of its
+    // own: so the address sanitizer finds every use of a block that was given back.
+#ifdef SKIPLIST_SLABS_OF_ONE
+    static inline bool slabsOfOne = true;
+#else
+    static inline bool slabsOfOne = false;
+#endif
+
+    // A slab that has room. REQUIRES: always the same size for a kind, a multiple of its alignment.
+    // Throws std::bad_alloc.
     Slab& slabFor(std::size_t kind, std::size_t blockBytes);
 
   private:
-    std::size_t slabCount() const;
+    std::size_t slabBytes() const;
     Slab::Memory takeFromChunk();
     static Slab& add(Slab::Kind& kind, Slab::Memory room, std::size_t blockBytes,
                      std::size_t blocks);

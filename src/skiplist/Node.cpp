@@ -68,7 +68,8 @@ Node::~Node() {
 std::shared_ptr<Node> Node::create(const Index& range, int level, BlockPool* pool) {
     const std::size_t links = checkedCount(level + 1);
     const std::size_t bytes = sharedBytes + sizeof(Node) + links * sizeof(std::shared_ptr<Node>);
-    Slab& slab = pool != nullptr ? pool->slabFor(links, bytes) : Slab::ofOne(bytes);
+    Slab& slab = pool != nullptr ? pool->slabFor(static_cast<std::size_t>(level), bytes)
+                                 : Slab::ofOne(bytes);
     return std::allocate_shared<Node>(BlockAllocator<Node>(slab), Made{}, range, level);
 }
 

@@ -14,7 +14,9 @@
 //   destructor, and so on: never hold only the first of a chain of unlinked nodes. A list of nodes
 //   is safe, for it goes front to back and holds each successor while its predecessor dies.
 // Accounting: 48 bytes whatever the level, besides the two records.
-// Threads: none at the same time as a change; reference counts are atomic.
+// Threads: none at the same time as a change. Reference counts are atomic, but the last reference
+// to
+//   a node is dropped like a change of its map.
 #pragma once
 
 #include <cstddef>
@@ -114,6 +116,7 @@ class Node {
 
     // Has the processor fetch the key while it does something else.
     void prefetchKey() const { __builtin_prefetch(&ownIndex); }
+    // As above the location, which whoever finds a node reads next.
     void prefetchLocation() const { __builtin_prefetch(&ownData); }
 
     static constexpr int charge = 48;  // bytes

@@ -33,5 +33,17 @@ inline Stored inFile(long long offset, int len, int fileOffset, int majorVer = 1
     return {offset, len, false, number, fileOffset, majorVer, minorVer};
 }
 
+// While it lives, each node is an allocation of its own, or none is, whatever the build.
+class SlabSizes {
+  public:
+    explicit SlabSizes(bool ofOne) { BlockPool::slabsOfOne = ofOne; }
+    ~SlabSizes() { BlockPool::slabsOfOne = before; }
+    SlabSizes(const SlabSizes&) = delete;
+    SlabSizes& operator=(const SlabSizes&) = delete;
+
+  private:
+    const bool before = BlockPool::slabsOfOne;
+};
+
 // Runs `body` on a thread with a 256 KiB stack.
 void onSmallStack(const std::function<void()>& body);
