@@ -142,14 +142,13 @@ struct Copying {
     }
 };
 
-// What the process occupies, without what its heap keeps for later.
-long long residentBytes() {
-    malloc_trim(0);
+// What the process has mapped for data, less what its heap keeps free.
+long long bytesInUse() {
     std::ifstream figures("/proc/self/statm");
-    long long mapped = 0;
-    long long resident = 0;
-    figures >> mapped >> resident;
-    return resident * sysconf(_SC_PAGESIZE);
+    long long pages = 0;
+    constexpr int dataField = 6;
+    for (int field = 1; field <= dataField; ++field) figures >> pages;
+    return pages * sysconf(_SC_PAGESIZE) - static_cast<long long>(mallinfo2().fordblks);
 }
 
 // What the map takes of the memory of the machine.
@@ -159,9 +158,9 @@ struct Memory {
         const Workload workload = measured.workload();
         long long bytes = 0;
         for (auto _ : state) {
-            const long long before = residentBytes();
+            const long long before = bytesInUse();
             const auto map = mapAfter<Map>(workload);
-            bytes = residentBytes() - before;
+            bytes = bytesInUse() - before;
             state.SetIterationTime(1);
         }
         const auto ranges = static_cast<double>(measured.ranges());

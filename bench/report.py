@@ -171,7 +171,7 @@ def buffers_part(native):
 def memory_part(native):
     rows = [[f"{size:,}", *(number(native.get("memory", name, size).median) for name in MAPS)]
             for case, size in native.rows() if case == "memory"]
-    return "Bytes of resident memory per range.\n\n" + table(
+    return "Bytes of mapped memory per range, less what the heap keeps free.\n\n" + table(
         ["Ranges", *MAPS.values()], rows)
 
 
