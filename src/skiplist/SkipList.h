@@ -16,7 +16,8 @@
 //   (5) Every buffer of a stored range is given back through this map's `env`.
 //   All five hold for ranges of positive length that end below the largest 64-bit position. Other
 //   ranges are processed as they stand: links stay sound, order is then the caller's loss.
-// Ownership: the map owns its nodes through the links; a node owns its records and its buffer.
+// Ownership: the map owns its nodes through the links, and the memory that they lie in; a node owns
+//   its records and its buffer.
 // Threads: not thread-safe: the caller runs one call at a time on a map, searches included.
 //   Different maps may be used at once.
 // Cost: searches O(log size) expected, an insert O(log size + ranges replaced), walks linear. No
