@@ -93,6 +93,12 @@ bool Slab::isSpare() const {
 
 // --- BlockPool -----------------------------------------------------------------------------------
 
+#ifdef SKIPLIST_SLABS_OF_ONE
+bool BlockPool::slabsOfOne = true;
+#else
+bool BlockPool::slabsOfOne = false;
+#endif
+
 BlockPool::~BlockPool() {
     for (Slab::Kind& kind : kinds) dismiss(kind);
     dismiss(chunks);

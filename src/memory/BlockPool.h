@@ -104,12 +104,9 @@ class BlockPool {
     ~BlockPool();
 
     // Whether a slab holds a single block, for tools and tests to see each as an allocation of its
-    // own: so the address sanitizer finds every use of a block that was given back.
-#ifdef SKIPLIST_SLABS_OF_ONE
-    static inline bool slabsOfOne = true;
-#else
-    static inline bool slabsOfOne = false;
-#endif
+    // own. Set under the address sanitizer, which so finds every use of a block that was given
+    // back.
+    static bool slabsOfOne;
 
     // A slab that has room. REQUIRES: always the same size for a kind, a multiple of its alignment.
     // Throws std::bad_alloc.

@@ -14,9 +14,8 @@
 //   destructor, and so on: never hold only the first of a chain of unlinked nodes. A list of nodes
 //   is safe, for it goes front to back and holds each successor while its predecessor dies.
 // Accounting: 48 bytes whatever the level, besides the two records.
-// Threads: none at the same time as a change. Reference counts are atomic, but the last reference
-// to
-//   a node is dropped like a change of its map.
+// Threads: none at the same time as a change. Reference counts are atomic, but dropping the last
+//   reference to a node is a change of its map's memory.
 #pragma once
 
 #include <cstddef>
