@@ -8,64 +8,13 @@ find_required_jars(junit_launcher
   univocity-parsers)
 find_required_jars(guava guava error-prone-annotations)
 
-set(tests src/test/java/stor/device)
-set(benchmarks src/bench/java/stor/device/bench)
+find_sources(benchmarks src/bench/java/stor/device/bench)
+foreach(package IN ITEMS skiplist store replay)
+  find_sources(tests_of_${package} src/test/java/stor/device/${package})
+endforeach()
 add_jar(skiplist-java-tests
-  SOURCES
-    ${benchmarks}/Agreement.java
-    ${benchmarks}/Contender.java
-    ${benchmarks}/GuavaRangeMap.java
-    ${benchmarks}/LayerRangeMap.java
-    ${benchmarks}/NativeRangeMap.java
-    ${benchmarks}/NavigableRangeMap.java
-    ${benchmarks}/Operation.java
-    ${benchmarks}/Options.java
-    ${benchmarks}/RangeMap.java
-    ${benchmarks}/RangeMapBenchmark.java
-    ${benchmarks}/Results.java
-    ${benchmarks}/SegmentLog.java
-    ${benchmarks}/Summary.java
-    ${benchmarks}/Workloads.java
-    ${tests}/replay/BlockStoreTest.java
-    ${tests}/replay/BlockStoreThreadsTest.java
-    ${tests}/replay/CheckedMap.java
-    ${tests}/replay/CheckedMapTest.java
-    ${tests}/replay/Location.java
-    ${tests}/replay/MirrorTest.java
-    ${tests}/replay/Range.java
-    ${tests}/replay/RangeModel.java
-    ${tests}/replay/RangeModelTest.java
-    ${tests}/replay/RecordedTrace.java
-    ${tests}/replay/RecordedTraceCases.java
-    ${tests}/replay/Soak.java
-    ${tests}/replay/Timings.java
-    ${tests}/replay/TraceReplayTest.java
-    ${tests}/skiplist/BufferFailureTest.java
-    ${tests}/skiplist/BufferOwnershipTest.java
-    ${tests}/skiplist/InThread.java
-    ${tests}/skiplist/JvmOutput.java
-    ${tests}/skiplist/JvmOutputTest.java
-    ${tests}/skiplist/LayerCost.java
-    ${tests}/skiplist/LeakHunt.java
-    ${tests}/skiplist/LibraryLoadingTest.java
-    ${tests}/skiplist/LimitsTest.java
-    ${tests}/skiplist/LongRangesTest.java
-    ${tests}/skiplist/MapLifetimeTest.java
-    ${tests}/skiplist/MisuseTest.java
-    ${tests}/skiplist/OffHeapRangeMapTest.java
-    ${tests}/skiplist/ProcessExitTest.java
-    ${tests}/skiplist/RandomComparisonTest.java
-    ${tests}/skiplist/RandomLayerTest.java
-    ${tests}/skiplist/RandomOperations.java
-    ${tests}/skiplist/StackDepthTest.java
-    ${tests}/skiplist/StoredRanges.java
-    ${tests}/skiplist/StrictJvm.java
-    ${tests}/skiplist/Sweep.java
-    ${tests}/skiplist/ThreadsTest.java
-    ${tests}/skiplist/Tutorial.java
-    ${tests}/skiplist/TutorialTest.java
-    ${tests}/skiplist/VerifierTest.java
-  INCLUDE_JARS skiplist-native skiplist-replay ${netty} ${histogram} ${guava} ${junit_api})
+  SOURCES ${benchmarks} ${tests_of_skiplist} ${tests_of_store} ${tests_of_replay}
+  INCLUDE_JARS skiplist-native skiplist-store skiplist-replay ${netty} ${histogram} ${guava} ${junit_api})
 
 # The manifest of the replay brings the native methods and Netty.
 set(libraries ${junit_api} ${junit_launcher} ${guava})

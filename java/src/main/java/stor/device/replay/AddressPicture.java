@@ -70,7 +70,6 @@ final class AddressPicture {
     }
 
     private static int number(MappedRange range) {
-        return Holes.isHole(range.location().majorVer(), range.location().minorVer())
-                ? HOLE : range.location().number();
+        return range.location().isUnversioned() ? HOLE : range.location().number();
     }
 }

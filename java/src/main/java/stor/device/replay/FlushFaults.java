@@ -1,7 +1,7 @@
 package stor.device.replay;
 
 import java.util.Random;
-import stor.device.replay.BlockStore.Step;
+import stor.device.store.BlockStore.Step;
 
 /** Ends every Nth flush somewhere in its first steps. One flush runs at a time. */
 final class FlushFaults {

@@ -6,6 +6,7 @@ import java.util.Locale;
 import java.util.Map;
 import java.util.function.ToLongFunction;
 import stor.device.replay.Samples.Sample;
+import stor.device.store.StoreStats;
 
 /** Answers what a system with such a load would need. */
 final class Needs {
@@ -29,8 +30,8 @@ final class Needs {
                 peak(StoreStats::memoryRanges), peak(StoreStats::fileRanges), stats.fileRanges(),
                 replay.liveSectors()));
         answers.put("native", text("%,d bytes at most, snapshots included: %d a range, %d with a"
-                + " buffer", stats.peakRecordBytes(), MemoryBudget.RANGE_BYTES,
-                MemoryBudget.RANGE_BYTES + MemoryBudget.BUFFER_BYTES));
+                + " buffer", stats.peakRecordBytes(), StoreStats.RANGE_BYTES,
+                StoreStats.RANGE_BYTES + StoreStats.BUFFER_BYTES));
         answers.put("buffers", text("%,d bytes at most (sampled), overwritten ones included",
                 peak(StoreStats::bufferedBytes)));
         answers.put("refused", text("%,d inserts at the memory limit, all done after a flush",

@@ -9,6 +9,8 @@ import java.util.concurrent.atomic.AtomicLong;
 import stor.device.replay.FlushFaults.InjectedFault;
 import stor.device.replay.Latencies.Operation;
 import stor.device.skiplist.MappedRange;
+import stor.device.store.BlockStore;
+import stor.device.store.Snapshot;
 
 /**
  * Serves the requests of a trace with a {@link BlockStore} and checks every byte that is read

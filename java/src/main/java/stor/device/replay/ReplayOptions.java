@@ -1,6 +1,7 @@
 package stor.device.replay;
 
 import java.nio.file.Path;
+import stor.device.store.StoreSettings;
 
 /** What the command line of {@link TraceReplay} says. */
 final class ReplayOptions {

@@ -19,6 +19,8 @@ import org.jfree.data.xy.XYSeriesCollection;
 import stor.device.replay.Latencies.Operation;
 import stor.device.replay.Samples.Sample;
 import stor.device.skiplist.MappedRange;
+import stor.device.store.StoreSettings;
+import stor.device.store.StoreStats;
 
 /** The report of a run: one HTML file that needs nothing else. */
 final class Report {
@@ -107,8 +109,8 @@ final class Report {
                         + " flush that follows goes beyond it for a moment.");
         addFigure(charts.overTime("bytes", lines(
                 series("native bytes per range", Report::bytesPerRange))),
-                "Native bytes per range: " + MemoryBudget.RANGE_BYTES + " for one in a file, "
-                        + MemoryBudget.BUFFER_BYTES + " more for one with a buffer.");
+                "Native bytes per range: " + StoreStats.RANGE_BYTES + " for one in a file, "
+                        + StoreStats.BUFFER_BYTES + " more for one with a buffer.");
         addFigure(charts.overTime("requests per second", lines(speed())),
                 "Requests served per second, all checks and the work in the background included.");
         addFigure(charts.byCategory("percentile", "microseconds", percentiles()),

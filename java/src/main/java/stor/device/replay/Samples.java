@@ -3,6 +3,7 @@ package stor.device.replay;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.function.Supplier;
+import stor.device.store.StoreStats;
 
 /** What a store held in the course of a run: few enough samples for a chart, however long. */
 final class Samples {

@@ -11,6 +11,7 @@ import org.HdrHistogram.Histogram;
 import stor.device.replay.Latencies.Operation;
 import stor.device.skiplist.MappedRange;
 import stor.device.skiplist.NativeMemory;
+import stor.device.store.StoreStats;
 
 /** The main program: replays a trace, checks every byte, and reports. */
 public final class TraceReplay {

@@ -17,6 +17,9 @@ import java.util.concurrent.Future;
 import java.util.concurrent.atomic.AtomicBoolean;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
+import stor.device.store.BlockStore;
+import stor.device.store.Snapshot;
+import stor.device.store.StoreSettings;
 
 /** Writers, a flusher, a compactor and snapshots, all at once. */
 class BlockStoreThreadsTest {

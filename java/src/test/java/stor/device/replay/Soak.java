@@ -18,6 +18,7 @@ import javax.management.JMException;
 import javax.management.ObjectName;
 import stor.device.replay.TraceReader.Kind;
 import stor.device.skiplist.Sweep;
+import stor.device.store.StoreStats;
 
 /**
  * Keeps a block store under load for some minutes, every byte checked, and watches what the process

@@ -1,4 +1,4 @@
-package stor.device.replay;
+package stor.device.store;
 
 import java.io.EOFException;
 import java.io.IOException;

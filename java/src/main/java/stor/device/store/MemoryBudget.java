@@ -1,4 +1,4 @@
-package stor.device.replay;
+package stor.device.store;
 
 import stor.device.skiplist.NativeMemory;
 
@@ -18,12 +18,9 @@ import stor.device.skiplist.NativeMemory;
  * shift the sum that the limit was reckoned from, and so refuse a write too early or too late.
  */
 final class MemoryBudget {
-    /** The library's records of a range, and of the buffer that a range may hold. */
-    static final int RANGE_BYTES = 104;
-    static final int BUFFER_BYTES = 32;
-
     /** An insert makes up to three ranges before it drops what they replace. */
-    private static final int INSERT_BYTES = 3 * (RANGE_BYTES + BUFFER_BYTES);
+    private static final int INSERT_BYTES = 
+            3 * (StoreStats.RANGE_BYTES + StoreStats.BUFFER_BYTES);
     private static final long DEFAULT_LIMIT = 10L << 30;
 
     private final long budget;

@@ -1,4 +1,4 @@
-package stor.device.replay;
+package stor.device.store;
 
 /**
  * Tells holes from data. A hole is stored as the empty location, whose offset and versions are -1.

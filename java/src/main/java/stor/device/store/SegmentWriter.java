@@ -1,4 +1,4 @@
-package stor.device.replay;
+package stor.device.store;
 
 import java.io.IOException;
 import java.nio.ByteBuffer;

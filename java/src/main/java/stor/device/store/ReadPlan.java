@@ -1,4 +1,4 @@
-package stor.device.replay;
+package stor.device.store;
 
 import io.netty.buffer.ByteBuf;
 import java.io.IOException;

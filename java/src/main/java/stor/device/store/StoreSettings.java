@@ -1,4 +1,4 @@
-package stor.device.replay;
+package stor.device.store;
 
 /**
  * What a {@link BlockStore} is made with.

@@ -1,4 +1,4 @@
-package stor.device.replay;
+package stor.device.store;
 
 /**
  * What a {@link BlockStore} holds and has done.
@@ -20,4 +20,8 @@ package stor.device.replay;
 public record StoreStats(int memoryRanges, int fileRanges, int ranges, long bufferedBytes,
         long recordBytes, long peakRecordBytes, long sweptBytes, int segments, long refusedInserts,
         long flushes, long flushedBytes, long movedBytes, int freedSegments) {
+    /** The library's records of a range, in bytes. */
+    public static final int RANGE_BYTES = 104;
+    /** The library's record of the buffer that a range may hold, in bytes. */
+    public static final int BUFFER_BYTES = 32;
 }

@@ -1,4 +1,4 @@
-package stor.device.replay;
+package stor.device.store;
 
 import io.netty.buffer.ByteBuf;
 import java.io.IOException;
@@ -67,8 +67,8 @@ public final class BlockStore implements AutoCloseable {
     private long movedBytes;
     private int freedSegments;
 
-    /** The points at which tests interfere. */
-    enum Step {
+    /** The points at which a fault may be put in. */
+    public enum Step {
         /** A flush has found something to write. */
         FLUSH_BEGUN,
         /** A flush has written sectors that the file map does not know yet. */
@@ -316,7 +316,7 @@ public final class BlockStore implements AutoCloseable {
         }
     }
 
-    // --- For snapshots and tests -----------------------------------------------------------------
+    // --- For snapshots --------------------------------------------------------------------------
 
     ReadPlan newPlan(long offset, int length) {
         requireSectors(offset, length);
@@ -331,8 +331,13 @@ public final class BlockStore implements AutoCloseable {
         }
     }
 
-    /** Calls back between steps: what that throws ends the flush or the compaction there. */
-    void onStep(Consumer<Step> callback) {
+    /**
+     * Has a flush or a compaction call back between its steps, for tests and drills. What the
+     * callback throws ends the flush or the compaction there.
+     *
+     * @param callback takes the step that was reached, on the thread that reached it
+     */
+    public void onStep(Consumer<Step> callback) {
         onStep = callback;
     }
 
@@ -588,9 +593,9 @@ public final class BlockStore implements AutoCloseable {
     }
 
     private static long recordBytes(List<OffHeapRangeMap> memoryMaps, OffHeapRangeMap fileMap) {
-        long sum = (long) fileMap.size() * MemoryBudget.RANGE_BYTES;
+        long sum = (long) fileMap.size() * StoreStats.RANGE_BYTES;
         for (OffHeapRangeMap map : memoryMaps) {
-            sum += (long) map.size() * (MemoryBudget.RANGE_BYTES + MemoryBudget.BUFFER_BYTES);
+            sum += (long) map.size() * (StoreStats.RANGE_BYTES + StoreStats.BUFFER_BYTES);
         }
         return sum;
     }

@@ -1,4 +1,4 @@
-package stor.device.replay;
+package stor.device.store;
 
 import static org.junit.jupiter.api.Assertions.assertArrayEquals;
 import static org.junit.jupiter.api.Assertions.assertDoesNotThrow;
@@ -17,8 +17,8 @@ import java.util.stream.Stream;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
-import stor.device.replay.BlockStore.Step;
-import stor.device.replay.FlushFaults.InjectedFault;
+import stor.device.replay.CountedBuffers;
+import stor.device.store.BlockStore.Step;
 
 /**
  * The promises of the store, on a device of a few sectors. A device is written down as one digit a
@@ -314,5 +314,10 @@ class BlockStoreTest {
         try (Stream<Path> files = Files.list(folder)) {
             return files.sorted().toList();
         }
+    }
+
+    /** What ends a flush. */
+    private static final class InjectedFault extends RuntimeException {
+        private static final long serialVersionUID = 1L;
     }
 }
