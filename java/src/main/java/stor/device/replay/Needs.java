@@ -30,7 +30,7 @@ final class Needs {
                 peak(StoreStats::memoryRanges), peak(StoreStats::fileRanges), stats.fileRanges(),
                 replay.liveSectors()));
         answers.put("native", text("%,d bytes at most, snapshots included: %d a range, %d with a"
-                + " buffer", stats.peakRecordBytes(), StoreStats.RANGE_BYTES,
+                + " buffer", stats.peaks().recordBytes(), StoreStats.RANGE_BYTES,
                 StoreStats.RANGE_BYTES + StoreStats.BUFFER_BYTES));
         answers.put("buffers", text("%,d bytes at most (sampled), overwritten ones included",
                 peak(StoreStats::bufferedBytes)));

@@ -99,7 +99,7 @@ final class Report {
         List<XYSeries> memory = new ArrayList<>(List.of(
                 series("in use", sample -> sample.stats().recordBytes()),
                 series("as last swept", sample -> sample.stats().sweptBytes())));
-        if (options.store().memoryLimit() < 4 * replay.store().stats().peakRecordBytes()) {
+        if (options.store().memoryLimit() < 4 * replay.store().stats().peaks().recordBytes()) {
             memory.add(series("limit", sample -> options.store().memoryLimit()));
         }
         addFigure(charts.overTime("native bytes", lines(memory.toArray(XYSeries[]::new))),

@@ -60,7 +60,7 @@ public final class BlockStore implements AutoCloseable {
     private long activeBytes;
     private long frozenBytes;
     private long sequence;
-    private long peakRecordBytes;
+    private StorePeaks peaks = new StorePeaks(0, 0, 0, 0, 0, 0, 0);
     private long refusedInserts;
     private long flushes;
     private long flushedBytes;
@@ -167,6 +167,7 @@ public final class BlockStore implements AutoCloseable {
                 punch(frozen, offset, length);
             }
             punch(active, offset, length);
+            notePeaks();
         }
     }
 
@@ -252,6 +253,7 @@ public final class BlockStore implements AutoCloseable {
             snapshots.add(snapshot);
             try {
                 snapshot.copy(allMemoryMaps(), fileMap);
+                notePeaks();
                 return snapshot;
             } catch (RuntimeException | Error failure) {
                 snapshot.close();
@@ -267,14 +269,10 @@ public final class BlockStore implements AutoCloseable {
      */
     public StoreStats stats() {
         synchronized (index) {
-            int memoryRanges =
-                    allMemoryMaps().stream().mapToInt(OffHeapRangeMap::size).sum();
-            int snapshotRanges = snapshots.stream().mapToInt(
-                    snapshot -> snapshot.memory().size() + snapshot.fileMap().size()).sum();
-            return new StoreStats(memoryRanges, fileMap.size(),
-                    memoryRanges + fileMap.size() + snapshotRanges, bufferedBytes(),
-                    recordBytes(), peakRecordBytes, budget.sweptBytes(), files.count(),
-                    refusedInserts, flushes, flushedBytes, movedBytes, freedSegments);
+            return new StoreStats(memoryRanges(), fileMap.size(), allRanges(), bufferedBytes(),
+                    recordBytes(), budget.sweptBytes(), files.count(), refusedInserts, flushes,
+                    flushedBytes, movedBytes, freedSegments, files.bytes(), files.appendedBytes(),
+                    peaks.and(0, 0, 0, 0, 0, files.peakCount(), files.peakBytes()));
         }
     }
 
@@ -353,7 +351,6 @@ public final class BlockStore implements AutoCloseable {
     private boolean tryWrite(long offset, int length, ByteBuf data) {
         synchronized (index) {
             long inUse = recordBytes();
-            peakRecordBytes = Math.max(peakRecordBytes, inUse);
             long id = sequence + 1;
             // Unique, so that a flush gives back the buffers of this write and of no later one.
             FileLocation writeId = new FileLocation(0, 0, (int) (id >>> Integer.SIZE), (int) id);
@@ -362,6 +359,7 @@ public final class BlockStore implements AutoCloseable {
                 active.insert(offset, length, writeId, data);
                 sequence = id;
                 activeBytes += length;
+                notePeaks();
                 return true;
             } catch (OutOfMemoryError refused) {
                 refusedInserts++;
@@ -466,6 +464,7 @@ public final class BlockStore implements AutoCloseable {
                     fileMap.insert(from, (int) (to - from), place.plus(from - start, sectorSize));
                 }
             }
+            notePeaks();
             flushedBytes += length;
         }
         onStep.accept(Step.PUBLISHED);
@@ -540,6 +539,7 @@ public final class BlockStore implements AutoCloseable {
             synchronized (index) {
                 if (fileMap.compareAndSet(offset, length, from, to)) {
                     movedBytes += length;
+                    notePeaks();
                 }
             }
             done += length;
@@ -577,6 +577,24 @@ public final class BlockStore implements AutoCloseable {
     /** Gives the memory maps, the newest first. */
     private List<OffHeapRangeMap> allMemoryMaps() {
         return frozen == null ? List.of(active) : List.of(active, frozen);
+    }
+
+    /** To be called after every change that makes a map grow. */
+    private void notePeaks() {
+        peaks = peaks.and(memoryRanges(), fileMap.size(), allRanges(), bufferedBytes(),
+                recordBytes(), 0, 0);
+    }
+
+    private int memoryRanges() {
+        return active.size() + (frozen == null ? 0 : frozen.size());
+    }
+
+    private int allRanges() {
+        int sum = memoryRanges() + fileMap.size();
+        for (Snapshot snapshot : snapshots) {
+            sum += snapshot.memory().size() + snapshot.fileMap().size();
+        }
+        return sum;
     }
 
     /** Counts what was accepted, overwritten or not: all of it may still be held in buffers. */

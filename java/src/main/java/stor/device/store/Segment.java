@@ -20,6 +20,7 @@ final class Segment {
 
     // Guarded by SegmentFiles.
     int pins;
+    long bytes;
     boolean sealed;
     boolean retired;
 

@@ -23,6 +23,10 @@ final class SegmentFiles {
     private final Path folder;
     private final Segment[] byNumber = new Segment[MAX_SEGMENTS];
     private final int[] generations = new int[MAX_SEGMENTS];
+    private long bytes;
+    private long peakBytes;
+    private long appendedBytes;
+    private int peakCount;
 
     SegmentFiles(Path folder) {
         this.folder = folder;
@@ -34,6 +38,7 @@ final class SegmentFiles {
             if (byNumber[number] == null) {
                 generations[number]++;
                 byNumber[number] = new Segment(folder, number, generations[number]);
+                peakCount = Math.max(peakCount, count());
                 return byNumber[number];
             }
         }
@@ -82,6 +87,32 @@ final class SegmentFiles {
         return inUse().size();
     }
 
+    synchronized int peakCount() {
+        return peakCount;
+    }
+
+    /** Counts bytes at the end of a segment. */
+    synchronized void noteAppended(Segment segment, int length) {
+        segment.bytes += length;
+        bytes += length;
+        appendedBytes += length;
+        peakBytes = Math.max(peakBytes, bytes);
+    }
+
+    /** Gives the bytes of all files. */
+    synchronized long bytes() {
+        return bytes;
+    }
+
+    synchronized long peakBytes() {
+        return peakBytes;
+    }
+
+    /** Gives the bytes ever appended, those of deleted files included. */
+    synchronized long appendedBytes() {
+        return appendedBytes;
+    }
+
     synchronized void deleteAll() throws IOException {
         for (Segment segment : inUse()) {
             byNumber[segment.number] = null;
@@ -96,6 +127,7 @@ final class SegmentFiles {
     private void deleteIfDone(Segment segment) throws IOException {
         if (segment.retired && segment.pins == 0 && byNumber[segment.number] == segment) {
             byNumber[segment.number] = null;
+            bytes -= segment.bytes;
             segment.delete();
         }
     }

@@ -37,8 +37,10 @@ final class SegmentWriter {
     /** Writes frames, for no more than {@link #room()} logical bytes, and says where they lie. */
     FileLocation append(ByteBuffer frames) throws IOException {
         FileLocation place = new FileLocation(open.number, position, open.generation, 0);
-        position += frames.remaining();
+        int length = frames.remaining();
+        position += length;
         open.write(frames, place.offset());
+        files.noteAppended(open, length);
         return place;
     }
 
