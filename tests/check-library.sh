@@ -1,16 +1,27 @@
 #!/usr/bin/env bash
-# Reads the library's dynamic section: it must export the native methods and nothing else, and need
-# nothing at run time but the C library, of which the loader is a part.
+# Reads the library's dynamic section: it must export the native methods and nothing else, need
+# nothing at run time but the C library, of which the loader is a part, and of that nothing newer
+# than the oldest C library that the README names.
 set -euo pipefail
 library=$1
+oldest_glibc=2.18
+export LC_ALL=C
 
 exported=$(readelf --wide --dyn-syms "$library" |
     awk '$7 != "UND" && $8 != "" && $1 ~ /^[0-9]+:$/ { print $8 }' | sort)
 count=$(grep -c '^Java_stor_device_skiplist_JniSkipListNative_[A-Za-z]*$' <<<"$exported")
 others=$(grep -v '^Java_stor_device_skiplist_JniSkipListNative_' <<<"$exported" || true)
 needed=$(readelf --wide --dynamic "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort)
+# Lines "VERSION NAME", the newest last.
+imported=$(readelf --wide --dyn-syms "$library" |
+    sed -nE 's/.* UND ([^@ ]+)@GLIBC_([0-9.]+).*/\2 \1/p' | sort --version-sort)
+newest=${imported##*$'\n'}
+too_new=$(awk -v oldest=$oldest_glibc '
+    { split($1, version, "."); split(oldest, bound, ".") }
+    version[1] > bound[1] || version[1] == bound[1] && version[2] + 0 > bound[2] + 0' <<<"$imported")
 
 echo "exported native methods: $count; others: ${others:-none}"
 echo "needed at run time: ${needed//$'\n'/ }"
-[[ $count -eq 26 && -z $others ]]
-! grep -vxE 'libc\.so\.6|libm\.so\.6|ld-linux-x86-64\.so\.2' <<<"$needed"
+echo "glibc needed: ${newest% *}, by ${newest#* }; newer than $oldest_glibc: ${too_new:-none}"
+[[ $count -eq 26 && -z $others && -n $imported && -z $too_new ]]
+! grep -vxE 'libc\.so\.6|libm\.so\.6|libpthread\.so\.0|ld-linux-(x86-64|aarch64)\.so\.[12]' <<<"$needed"
