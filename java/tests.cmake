@@ -30,8 +30,9 @@ set(properties
   -Dskiplist.test.version=${PROJECT_VERSION})
 set(checks -Xcheck:jni
   -Dio.netty.leakDetection.level=paranoid -Dio.netty.leakDetection.targetRecords=20)
+set(SKIPLIST_JUNIT_DETAILS tree CACHE STRING "What JUnit prints; verbose: each test as it ends")
 set(console org.junit.platform.console.ConsoleLauncher
-  --fail-if-no-tests --disable-banner --disable-ansi-colors --details=tree)
+  --fail-if-no-tests --disable-banner --disable-ansi-colors --details=${SKIPLIST_JUNIT_DETAILS})
 
 # What a sanitized library needs: runtimes in the JVM from the start, and the JVM's own handling of
 # signals and stacks. A JVM does not give back all its memory, so lost memory says nothing.
