@@ -6,8 +6,10 @@ import java.nio.ByteBuffer;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Comparator;
+import java.util.HashMap;
 import java.util.HashSet;
 import java.util.List;
+import java.util.Map;
 import java.util.Set;
 import java.util.concurrent.locks.ReentrantLock;
 import java.util.function.Consumer;
@@ -178,7 +180,7 @@ public final class BlockStore implements AutoCloseable {
      * stays buffered and goes out with the next flush.
      *
      * @return the bytes written
-     * @throws IOException if a file cannot be written, or no segment is free
+     * @throws IOException if a file cannot be written
      */
     public long flush() throws IOException {
         flushing.lock();
@@ -205,8 +207,8 @@ public final class BlockStore implements AutoCloseable {
      * to about a segment's worth, and frees the segments in which nothing is live any more.
      *
      * @return the bytes moved, whether or not they were still wanted at the end of the move
-     * @throws IOException if a file cannot be read or written, a sector is damaged, or no segment
-     *     is free; nothing is lost
+     * @throws IOException if a file cannot be read or written, or a sector is damaged; nothing is
+     *     lost
      */
     public long compact() throws IOException {
         return compact(capacity() / 2, capacity());
@@ -495,7 +497,7 @@ public final class BlockStore implements AutoCloseable {
 
     /** Finds what is live in the emptiest segments, in the order of the device. */
     private List<MappedRange> findMovable(long mostLive, long enough) {
-        long[] live = new long[SegmentFiles.MAX_SEGMENTS];
+        Map<Long, Long> live = new HashMap<>();
         List<MappedRange> layout;
         List<Segment> candidates;
         synchronized (index) {
@@ -504,20 +506,25 @@ public final class BlockStore implements AutoCloseable {
         }
         layout.removeIf(range -> Holes.isHole(
                 range.location().majorVer(), range.location().minorVer()));
-        layout.forEach(range -> live[range.location().number()] += range.len());
-        candidates.removeIf(segment -> live[segment.number] > mostLive);
-        candidates.sort(Comparator.comparingLong(segment -> live[segment.number]));
+        layout.forEach(range -> live.merge(segmentOf(range), (long) range.len(), Long::sum));
+        candidates.removeIf(segment -> live.getOrDefault(segment.id(), 0L) > mostLive);
+        candidates.sort(
+                Comparator.comparingLong(segment -> live.getOrDefault(segment.id(), 0L)));
 
-        Set<Integer> chosen = new HashSet<>();
+        Set<Long> chosen = new HashSet<>();
         long toMove = 0;
         for (Segment segment : candidates) {
             if (toMove < enough) {
-                chosen.add(segment.number);
-                toMove += live[segment.number];
+                chosen.add(segment.id());
+                toMove += live.getOrDefault(segment.id(), 0L);
             }
         }
-        layout.removeIf(range -> !chosen.contains(range.location().number()));
+        layout.removeIf(range -> !chosen.contains(segmentOf(range)));
         return layout;
+    }
+
+    private static long segmentOf(MappedRange range) {
+        return SegmentFiles.id(range.location().number(), range.location().majorVer());
     }
 
     private void move(MappedRange range) throws IOException {
@@ -548,14 +555,14 @@ public final class BlockStore implements AutoCloseable {
 
     private void freeEmptySegments() throws IOException {
         synchronized (index) {
-            Set<Integer> live = new HashSet<>();
+            Set<Long> live = new HashSet<>();
             fileMap.forEach((offset, len, number, fileOffset, majorVer, minorVer, range) -> {
                 if (!Holes.isHole(majorVer, minorVer)) {
-                    live.add(number);
+                    live.add(SegmentFiles.id(number, majorVer));
                 }
             });
             for (Segment segment : files.sealed()) {
-                if (!live.contains(segment.number)) {
+                if (!live.contains(segment.id())) {
                     files.retire(segment);
                     freedSegments++;
                 }

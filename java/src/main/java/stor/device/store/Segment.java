@@ -28,9 +28,13 @@ final class Segment {
     Segment(Path folder, int number, int generation) throws IOException {
         this.number = number;
         this.generation = generation;
-        path = folder.resolve(String.format("segment-%03d", number));
+        path = folder.resolve(String.format("segment-%06d", SegmentFiles.id(number, generation)));
         file = FileChannel.open(path, StandardOpenOption.CREATE, StandardOpenOption.READ,
                 StandardOpenOption.WRITE, StandardOpenOption.TRUNCATE_EXISTING);
+    }
+
+    long id() {
+        return SegmentFiles.id(number, generation);
     }
 
     void write(ByteBuffer frames, int position) throws IOException {

@@ -2,27 +2,28 @@ package stor.device.store;
 
 import java.io.IOException;
 import java.nio.file.Path;
-import java.util.Arrays;
 import java.util.List;
-import java.util.Objects;
+import java.util.Map;
+import java.util.TreeMap;
 
 /**
  * The segment files of a store: gives out their numbers, and deletes a file when nobody needs it.
  *
  * <p>A segment is <em>open</em> while a writer appends to it, then <em>sealed</em>. A sealed
  * segment in which nothing is live is <em>retired</em>, and deleted when nobody has it pinned any
- * more: neither a read under way nor a snapshot. Its number is then free for another file, under
- * the next generation, so that a location in the old file never equals one in the new.
+ * more: neither a read under way nor a snapshot. Segments are counted; a location names one by the
+ * low 8 bits of its count and, as its generation, the rest. So there may be as many as the disk
+ * holds, and a location in an old file never equals one in a new.
  *
  * <p>Safe for use by several threads.
  */
 final class SegmentFiles {
-    /** As many as a location can tell apart. */
-    static final int MAX_SEGMENTS = 256;
+    /** As many as the number in a location can tell apart. */
+    private static final int NUMBERS = 256;
 
     private final Path folder;
-    private final Segment[] byNumber = new Segment[MAX_SEGMENTS];
-    private final int[] generations = new int[MAX_SEGMENTS];
+    private final Map<Long, Segment> byId = new TreeMap<>();
+    private long created;
     private long bytes;
     private long peakBytes;
     private long appendedBytes;
@@ -34,24 +35,25 @@ final class SegmentFiles {
 
     /** Makes an open segment. */
     synchronized Segment create() throws IOException {
-        for (int number = 0; number < MAX_SEGMENTS; number++) {
-            if (byNumber[number] == null) {
-                generations[number]++;
-                byNumber[number] = new Segment(folder, number, generations[number]);
-                peakCount = Math.max(peakCount, count());
-                return byNumber[number];
-            }
-        }
-        throw new IOException("all " + MAX_SEGMENTS + " segments are in use: compact, close"
-                + " snapshots, or make segments larger");
+        Segment segment = new Segment(
+                folder, (int) (created % NUMBERS), (int) (created / NUMBERS) + 1);
+        created++;
+        byId.put(id(segment.number, segment.generation), segment);
+        peakCount = Math.max(peakCount, count());
+        return segment;
+    }
+
+    /** Gives the count of the segment that a location names. */
+    static long id(int number, int generation) {
+        return (generation - 1L) * NUMBERS + number;
     }
 
     /** Finds the segment of a location that a map holds, and keeps it until it is unpinned. */
     synchronized Segment pin(int number, int generation) {
-        Segment segment = byNumber[number];
-        if (segment == null || segment.generation != generation) {
+        Segment segment = byId.get(id(number, generation));
+        if (segment == null) {
             throw new IllegalStateException("segment " + number + ", generation " + generation
-                    + ": found " + segment);
+                    + ": is no segment");
         }
         segment.pins++;
         return segment;
@@ -84,7 +86,7 @@ final class SegmentFiles {
     }
 
     synchronized int count() {
-        return inUse().size();
+        return byId.size();
     }
 
     synchronized int peakCount() {
@@ -115,18 +117,17 @@ final class SegmentFiles {
 
     synchronized void deleteAll() throws IOException {
         for (Segment segment : inUse()) {
-            byNumber[segment.number] = null;
+            byId.remove(segment.id());
             segment.delete();
         }
     }
 
     private List<Segment> inUse() {
-        return Arrays.stream(byNumber).filter(Objects::nonNull).toList();
+        return List.copyOf(byId.values());
     }
 
     private void deleteIfDone(Segment segment) throws IOException {
-        if (segment.retired && segment.pins == 0 && byNumber[segment.number] == segment) {
-            byNumber[segment.number] = null;
+        if (segment.retired && segment.pins == 0 && byId.remove(segment.id()) != null) {
             bytes -= segment.bytes;
             segment.delete();
         }
