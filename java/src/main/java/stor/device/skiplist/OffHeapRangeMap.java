@@ -1,8 +1,11 @@
 package stor.device.skiplist;
 
 import io.netty.buffer.ByteBuf;
+import java.io.IOException;
 import java.lang.ref.Cleaner;
 import java.lang.ref.Reference;
+import java.nio.channels.ReadableByteChannel;
+import java.nio.channels.WritableByteChannel;
 import java.util.ArrayList;
 import java.util.ConcurrentModificationException;
 import java.util.List;
@@ -92,6 +95,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
     private final NativeMap nativeMap;
     private final Cleaner.Cleanable cleanable;
     private final long handle;
+    private final int height;
     private final int sectorSize;
     private final FusionGuard fusions;
 
@@ -174,6 +178,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
     }
 
     private OffHeapRangeMap(int height, int sectorSize) {
+        this.height = height;
         this.sectorSize = sectorSize;
         handle = JniSkipListNative.createSkipList(height, sectorSize);
         nativeMap = new NativeMap(handle, toString());
@@ -194,6 +199,21 @@ public final class OffHeapRangeMap implements AutoCloseable {
         Arguments.within("create", "height", height, 1, MAX_HEIGHT);
         Arguments.within("create", "sectorSize", sectorSize, 1, MAX_SECTOR_SIZE);
         return new OffHeapRangeMap(height, sectorSize);
+    }
+
+    /**
+     * Reads a map that {@link #save} has written. Reads exactly to its end, so that more may follow
+     * in the channel.
+     *
+     * @param channel where the map begins; blocking
+     * @return the map, with the height, the sector size and the ranges of the one saved, for the
+     *     caller to close
+     * @throws IOException if the channel cannot be read, or what it has is damaged, cut, no map or
+     *     of a later version; says where, and what was expected. Nothing is left behind
+     * @throws OutOfMemoryError if native memory is exhausted or at its limit; nothing is left behind
+     */
+    public static OffHeapRangeMap load(ReadableByteChannel channel) throws IOException {
+        return new MapFileReader(Arguments.notNull("load", "channel", channel)).read();
     }
 
     /**
@@ -598,6 +618,43 @@ public final class OffHeapRangeMap implements AutoCloseable {
     }
 
     /**
+     * Writes the map in a form that {@link #load} reads, in this process or another, on any
+     * machine. All ranges are those of one moment: they are first put together in the heap, a few
+     * bytes each, while others wait, and then written while the map is used again.
+     *
+     * @param channel takes the map; blocking
+     * @param buffered what becomes of ranges that hold a buffer
+     * @throws IOException if the channel cannot be written
+     * @throws IllegalStateException if the map is closed, or if a range holds a buffer and
+     *     {@code buffered} refuses that; nothing was written
+     */
+    public void save(WritableByteChannel channel, BufferedRanges buffered) throws IOException {
+        Arguments.notNull("save", "channel", channel);
+        Arguments.notNull("save", "buffered", buffered);
+        MapFileWriter writer = new MapFileWriter(height, sectorSize);
+        beginQuery("save");
+        try {
+            writer.encode(handle, buffered);
+        } finally {
+            endQuery();
+        }
+        writer.writeTo(channel);
+    }
+
+    /**
+     * Writes the map like {@link #save(WritableByteChannel, BufferedRanges)}, refusing ranges that
+     * hold a buffer.
+     *
+     * @param channel takes the map; blocking
+     * @throws IOException if the channel cannot be written
+     * @throws IllegalStateException if the map is closed, or if a range holds a buffer; nothing was
+     *     written
+     */
+    public void save(WritableByteChannel channel) throws IOException {
+        save(channel, BufferedRanges.REFUSE);
+    }
+
+    /**
      * Tells whether the map is closed. Does not wait for a call in progress.
      *
      * @return whether it is
@@ -689,6 +746,16 @@ public final class OffHeapRangeMap implements AutoCloseable {
             throw new ConcurrentModificationException(operation + ": " + this
                     + ": called while it is being visited (expected: after the visit)");
         }
+    }
+
+    /**
+     * Stores a range behind all others of a map that no other thread knows yet. Such a range covers
+     * no end of another, so that no look at what it continues is needed.
+     */
+    void append(long offset, int len, byte number, int place, int majorVer, int minorVer) {
+        fusions.noteInserts(offset, len,
+                new FileLocation(Byte.toUnsignedInt(number), place, majorVer, minorVer));
+        JniSkipListNative.insert(handle, offset, len, place, majorVer, minorVer, number);
     }
 
     private void insertNative(long offset, int len, FileLocation at) {
