@@ -14,12 +14,15 @@
 //   (4) While a ChargeBatch is open on a thread, at most `ChargeBatch::bound` bytes of what that
 //       thread charged or credited are not yet in its record. No limit judges them: that looks at
 //       the total of the last sweep.
+//   (5) No thread keeps the library mapped: what is thread-local has no destructor.
 // Threads: everything may be called from any thread. The members read without a lock are relaxed
 // atomics: each is a number of its own, and none guards other data.
-// Cost: a charge is one comparison and one uncontended lock, and in a batch an addition in place of
-//   the lock; a sweep visits every thread's record.
+// Cost: a charge is one comparison, one look-up of what is thread-local (a call, in a library that
+//   is loaded late) and one uncontended lock; in a batch an addition in place of the lock. A sweep
+//   visits every thread's record.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <new>
@@ -49,6 +52,18 @@ class MemoryStat {
     // Throws jni_bad_alloc if a charge of `delta` bytes would exceed the limit.
     static void checkMem(long long delta);
 
+    // The same for several charges, one after the other: with nothing recorded if one of them is
+    // refused, and at the cost of one.
+    template <typename... Deltas>
+    static void checkEach(Deltas... deltas) {
+        if (!fits(std::max({deltas...}))) (checkMem(deltas), ...);
+    }
+    template <typename... Deltas>
+    static void chargeEach(Deltas... deltas) {
+        checkEach(deltas...);
+        record((... + deltas));
+    }
+
     // Sets the limit in bytes, unchecked; it applies from the next charge on.
     static void setMaxMem(long long max);
 
@@ -71,7 +86,16 @@ class MemoryStat {
     // library, and their charges must not meet a destroyed registry.
     static StatsMap& statsMap;
     static std::shared_ptr<Stats>& globalStats;
+
+  private:
+    static bool fits(long long delta);
+    static void record(long long delta);
 };
+
+// Marks the making of a record whose owner charges for it.
+struct ChargedByOwner {};
+
+struct ThreadAccount;
 
 // While it lives, the charges and credits of the calling thread are summed up and recorded as one.
 // An operation that makes and drops many records opens one. They nest; the outermost records.
@@ -83,7 +107,10 @@ class ChargeBatch {
     ~ChargeBatch();
     ChargeBatch(const ChargeBatch&) = delete;
     ChargeBatch& operator=(const ChargeBatch&) = delete;
+
+  private:
+    ThreadAccount& account;
 };
 
-// The calling thread's record; empty until its first charge.
-extern thread_local std::shared_ptr<Stats> thr_local_stats;
+// The calling thread's record; empty until its first charge. The thread drops it as it ends.
+extern thread_local std::shared_ptr<Stats>& thr_local_stats;

@@ -1,8 +1,6 @@
 #include "records/Index.h"
 
-#include "memory/Memorystatistics.h"
-
-Index::Index(long long startOffset, int length) : offset(startOffset), len(length) {
+Index::Index(long long startOffset, int length) : ByteRange{startOffset, length} {
     MemoryStat::statsMem(charge);
 }
 

@@ -1,19 +1,18 @@
 // One stored range of a map: its key, its file location and its links to the nodes after it.
 //
-// A node, its reference counts, its records and its links lie in one block of memory, so that a
-// search that has read a node's key finds its way on in the cache.
+// A node, its records and its links lie in one block of memory, of which NodeBlock.h tells.
 //
 // Invariants
 //   (1) `forward` has `level + 1` entries from construction until the map is destroyed.
 //   (2) `index`, `data` and `forward` point into the node itself and stay with it: a location goes
-//       to another node by Data::swap, never by its pointer.
+//       to another node by FileLocation::swap, never by its pointer.
 // Ownership: a node owns both records and shares its successors. Nodes are held by the links of
 //   their map and by the arrays and lists of a running operation. A handle given to Java is the
 //   plain address and holds nothing.
 // Destruction: dropping the last reference to a node drops its successors from inside its
 //   destructor, and so on: never hold only the first of a chain of unlinked nodes. A list of nodes
 //   is safe, for it goes front to back and holds each successor while its predecessor dies.
-// Accounting: 48 bytes whatever the level, besides the two records.
+// Accounting: 48 bytes whatever the level, and those of the two records with them.
 // Threads: none at the same time as a change. Reference counts are atomic, but dropping the last
 //   reference to a node is a change of its map's memory.
 #pragma once
@@ -21,40 +20,9 @@
 #include <cstddef>
 #include <list>
 #include <memory>
-#include <stdexcept>
-#include <utility>
 #include <vector>
 
-#include "memory/BlockPool.h"
-#include "records/Data.h"
-#include "records/Index.h"
-
-class Node;
-
-// Arrays of references to nodes: on the heap, except for the links of a node, which lie behind it
-// in its block.
-template <>
-class std::allocator<std::shared_ptr<Node>> {
-  public:
-    using value_type = std::shared_ptr<Node>;
-
-    allocator() = default;
-    template <typename Other>
-    explicit(false) allocator(const allocator<Other>&) noexcept {}
-
-    value_type* allocate(std::size_t n) {
-        if (inBlock != nullptr) return std::exchange(inBlock, nullptr);
-        return static_cast<value_type*>(::operator new(n * sizeof(value_type)));
-    }
-    void deallocate(value_type* array, std::size_t) noexcept { ::operator delete(array); }
-    friend bool operator==(const allocator&, const allocator&) { return true; }
-
-  private:
-    friend Node;
-
-    // Where the next array goes, if it is that of a node which this thread is making.
-    static constinit thread_local value_type* inBlock;
-};
+#include "skiplist/NodeBlock.h"
 
 class Node {
     struct Made {};  // only `create` makes nodes
@@ -64,16 +32,17 @@ class Node {
     using Arr = std::unique_ptr<std::vector<std::shared_ptr<Node>>>;
     using List = std::unique_ptr<std::list<std::shared_ptr<Node>>>;
 
-    Node(Made, const Index& range, int topLevel);
+    Node(Made, const ByteRange& range, int topLevel);
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
     ~Node();
 
     // A node with the empty location, in a block of the pool, or in one of its own. All three throw
     // jni_bad_alloc or std::bad_alloc.
-    static std::shared_ptr<Node> create(const Index& range, int level, BlockPool* pool = nullptr);
+    static std::shared_ptr<Node> create(const ByteRange& range, int level,
+                                        BlockPool* pool = nullptr);
     // A node that takes the location, with its buffer, out of a record.
-    static std::shared_ptr<Node> create(const Index& range, Data& location, int level,
+    static std::shared_ptr<Node> create(const ByteRange& range, FileLocation& location, int level,
                                         BlockPool* pool = nullptr);
     // As above, and ends both records.
     static std::shared_ptr<Node> create(std::unique_ptr<Index>&& index,
@@ -92,15 +61,15 @@ class Node {
         return entries[position];
     }
 
-    long long getOffset() const { return ownIndex.getOffset(); }
-    int getLen() const { return ownIndex.getLen(); }
-    long long getEnd() const { return ownIndex.getEnd(); }
+    long long getOffset() const { return own.index.getOffset(); }
+    int getLen() const { return own.index.getLen(); }
+    long long getEnd() const { return own.index.getEnd(); }
     int getLevel() const { return level; }
-    bool getFileType() const { return ownData.getType(); }
-    int getFileOffset() const { return ownData.getOffset(); }
-    int getFileMajorVer() const { return ownData.getMajorVer(); }
-    int getFileMinorVer() const { return ownData.getMinorVer(); }
-    int getFileNumber() const { return ownData.getNumber(); }
+    bool getFileType() const { return own.data.getType(); }
+    int getFileOffset() const { return own.data.getOffset(); }
+    int getFileMajorVer() const { return own.data.getMajorVer(); }
+    int getFileMinorVer() const { return own.data.getMinorVer(); }
+    int getFileNumber() const { return own.data.getNumber(); }
     Buff* getFileBuff() const { return data->getBuff(); }
 
     // Gives the buffer back to Java; the node's length in bytes if there was one, else 0.
@@ -110,13 +79,13 @@ class Node {
     std::shared_ptr<Node>& next(int i) const { return at(*forward, i); }
     std::shared_ptr<Node> nextNode() const { return next(0); }
     // As `next`, unchecked. REQUIRES: 0 <= i <= level.
-    std::shared_ptr<Node>& linked(int i) { return links()[i]; }
-    const std::shared_ptr<Node>& linked(int i) const { return links()[i]; }
+    std::shared_ptr<Node>& linked(int i) { return own.links()[i]; }
+    const std::shared_ptr<Node>& linked(int i) const { return own.links()[i]; }
 
     // Has the processor fetch the key while it does something else.
-    void prefetchKey() const { __builtin_prefetch(&ownIndex); }
+    void prefetchKey() const { __builtin_prefetch(&own.index); }
     // As above the location, which whoever finds a node reads next.
-    void prefetchLocation() const { __builtin_prefetch(&ownData); }
+    void prefetchLocation() const { __builtin_prefetch(&own.data); }
 
     static constexpr int charge = 48;  // bytes
 
@@ -128,17 +97,5 @@ class Node {
   private:
     [[noreturn]] static void throwOutOfRange();
 
-    // The links lie right behind the node.
-    std::shared_ptr<Node>* links() { return reinterpret_cast<std::shared_ptr<Node>*>(this + 1); }
-    const std::shared_ptr<Node>* links() const {
-        return reinterpret_cast<const std::shared_ptr<Node>*>(this + 1);
-    }
-
-    // Never destroyed, since its array is not its own.
-    union {
-        std::vector<std::shared_ptr<Node>> ownForward;
-    };
-    // Last, and so beside the links: what a search reads comes with one line of the cache or two.
-    Data ownData;
-    Index ownIndex;
+    NodeParts own;  // last: the links lie behind it
 };

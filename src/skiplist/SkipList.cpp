@@ -7,6 +7,8 @@
 
 #include "memory/Memorystatistics.h"
 #include "records/Wrapping.h"
+#include "skiplist/Descent.h"
+#include "skiplist/InsertInPlace.h"
 
 namespace {
 
@@ -20,7 +22,7 @@ constexpr double promotionProbability = 0.25;
 constexpr int longestWalk = 16;
 
 std::shared_ptr<Node> createSentinel(long long position, int level) {
-    return Node::create(Index(position, 0), level);
+    return Node::create(ByteRange{position, 0}, level);
 }
 
 // Drops the references in a per-level array at the end of a scope.
@@ -35,27 +37,20 @@ class ClearedAtEnd {
     std::vector<std::shared_ptr<Node>>& entries;
 };
 
-// The link of a node at a level. In a large map keys come from memory: the one that is read next if
-// that of this link ends too late is called for meanwhile.
-const std::shared_ptr<Node>& follow(const Node& node, int level) {
-    if (level > 0) node.linked(level - 1)->prefetchKey();
-    return node.linked(level);
-}
-
-// The length of [start, end) as far as 32 bits hold it.
-int lengthOf(long long start, long long end) {
-    return static_cast<int>(wrapping::subtract(end, start));
-}
-
 bool isLength(long long length) {
     return length == static_cast<int>(length);
 }
 
 // Whether two ranges touch or overlap.
-bool touch(const Index& a, const Index& b) {
+bool touch(const ByteRange& a, const ByteRange& b) {
     return a.getOffset() < b.getOffset()
                ? a.getEnd() >= b.getOffset()
                : a.getOffset() == b.getOffset() || b.getEnd() >= a.getOffset();
+}
+
+// Refuses where a key and a location of the map's would be refused: plain values stand for both.
+void askForRecords() {
+    MemoryStat::checkEach(Index::charge, Data::charge);
 }
 
 long long summedLength(const Node::List& nodes) {
@@ -77,7 +72,7 @@ SkipList::SkipList(std::shared_ptr<Env>& sharedEnv, int height, int bytesPerSect
       sectorSize(bytesPerSector),
       head(createSentinel(firstPosition, maxLevel)),
       tail(createSentinel(lastPosition, maxLevel)),
-      path(static_cast<std::size_t>(height), head.get()) {
+      path(*head, height) {
     for (int i = maxLevel; i >= 0; --i) head->next(i) = tail;
     // Last: what follows a charge must not fail, for a map that is not built credits nothing.
     MemoryStat::statsMem(charge);
@@ -112,28 +107,9 @@ void SkipList::setJNIEnv(JNIEnv* jniEnv) {
 
 // --- Searches ------------------------------------------------------------------------------------
 
-// Searches go from link to link through plain references to the links themselves, and so touch no
-// reference count. `tail` ends every level, therefore a link that is followed is never null.
-// `note(level, x, next)` is told, from the highest level down, the last node that ends at or before
-// `key` and the one after it; returned is the latter at level 0, or where `note` returns true. No
-// entry needs a check: a node that is met on a level is linked there.
-template <typename Note>
-const std::shared_ptr<Node>& SkipList::descend(long long key, int from, Note note) const {
-    const std::shared_ptr<Node>* x = &head;
-    for (int i = from; i >= 0; --i) {
-        const std::shared_ptr<Node>* next = &follow(**x, i);
-        while ((*next)->getEnd() <= key && *next != tail) {
-            x = next;
-            next = &follow(**x, i);
-        }
-        if (note(i, *x, *next)) return *next;
-    }
-    return (*x)->linked(0);
-}
-
 const std::shared_ptr<Node>& SkipList::firstEndingAfter(long long key) const {
     // A node that holds the key is the one, however high it is met.
-    return descend(key, topLevel, [&](int, const auto&, const auto& next) {
+    return descend(head, *tail, key, topLevel, [&](int, const auto&, const auto& next) {
         return isOrdered && next->getOffset() <= key;
     });
 }
@@ -182,8 +158,8 @@ void SkipList::findRange(long long offset, int len, Node::Arr& predecessors, Nod
     // Throws here rather than in the middle if an array is short.
     std::shared_ptr<Node>* const before = &Node::at(*predecessors, maxLevel) - maxLevel;
     std::shared_ptr<Node>* const after = &Node::at(*successors, maxLevel) - maxLevel;
-    const std::shared_ptr<Node>* node =
-        &descend(offset, maxLevel, [&](int level, const auto& previous, const auto& next) {
+    const std::shared_ptr<Node>* node = &descend(
+        head, *tail, offset, maxLevel, [&](int level, const auto& previous, const auto& next) {
             before[level] = previous;
             after[level] = next;
             return false;
@@ -202,7 +178,7 @@ bool SkipList::startsBefore(const std::shared_ptr<Node>& node, long long end) co
 }
 
 template <typename Visit>
-void SkipList::forEachOverlapped(const Index& range, Visit visit) const {
+void SkipList::forEachOverlapped(const ByteRange& range, Visit visit) const {
     Node* node = firstEndingAfter(range.getOffset()).get();
     while (node != tail.get() && node->getOffset() < range.getEnd()) {
         visit(*node);
@@ -232,50 +208,52 @@ bool SkipList::isDataConnected(const std::unique_ptr<Index>& newIndex,
 }
 
 // The ranges come first: most neighbours do not touch, and their locations need not be read.
-bool SkipList::continues(const Index& newIndex, const Data& newData, const Index& oldIndex,
-                         const Data& oldData) const {
-    if (!touch(newIndex, oldIndex)) return false;
-    if (newData.isEmpty() || oldData.isEmpty()) return newData.isEmpty() && oldData.isEmpty();
+bool SkipList::continues(const ByteRange& newRange, const FileLocation& newLocation,
+                         const ByteRange& oldRange, const FileLocation& oldLocation) const {
+    if (!touch(newRange, oldRange)) return false;
+    if (newLocation.isEmpty() || oldLocation.isEmpty())
+        return newLocation.isEmpty() && oldLocation.isEmpty();
     // A buffer holds the bytes of its own range only.
-    if (newData.isMemoryType() || oldData.isMemoryType()) return false;
-    return runsOn(newIndex, newData, oldIndex, oldData);
+    if (newLocation.isMemoryType() || oldLocation.isMemoryType()) return false;
+    return runsOn(newRange, newLocation, oldRange, oldLocation);
 }
 
 // Whether one file holds both ranges exactly as far apart as the device does.
-bool SkipList::runsOn(const Index& newIndex, const Data& newData, const Index& oldIndex,
-                      const Data& oldData) const {
-    if (newData.getMajorVer() != oldData.getMajorVer()) return false;
-    if (newData.getMinorVer() != oldData.getMinorVer()) return false;
-    if (newData.getNumber() != oldData.getNumber()) return false;
-    const long long distance = wrapping::subtract(newIndex.getOffset(), oldIndex.getOffset());
-    return Data::fileDistance(distance, sectorSize) ==
-           wrapping::subtract(newData.getOffset(), oldData.getOffset());
+bool SkipList::runsOn(const ByteRange& newRange, const FileLocation& newLocation,
+                      const ByteRange& oldRange, const FileLocation& oldLocation) const {
+    if (newLocation.getMajorVer() != oldLocation.getMajorVer()) return false;
+    if (newLocation.getMinorVer() != oldLocation.getMinorVer()) return false;
+    if (newLocation.getNumber() != oldLocation.getNumber()) return false;
+    const long long distance = wrapping::subtract(newRange.getOffset(), oldRange.getOffset());
+    return FileLocation::fileDistance(distance, sectorSize) ==
+           wrapping::subtract(newLocation.getOffset(), oldLocation.getOffset());
 }
 
 // --- Insert --------------------------------------------------------------------------------------
 
 void SkipList::insert(long long offset, int len, int fileOffset, int majorVer, int minorVer,
                       unsigned char number) {
-    const ChargeBatch batch;
-    const Index index(offset, len);
-    Data data(0, fileOffset, majorVer, minorVer, number);
-    insert(index, data);
+    askForRecords();
+    FileLocation location(0, fileOffset, majorVer, minorVer, number);
+    insert(ByteRange{offset, len}, location);
 }
 
 void SkipList::insert(long long offset, int len, int fileOffset, int majorVer, int minorVer,
                       unsigned char number, std::unique_ptr<Buff>&& buff) {
-    const ChargeBatch batch;
-    const Index index(offset, len);
-    Data data(1, fileOffset, majorVer, minorVer, number, std::move(buff));
-    insert(index, data);
+    askForRecords();
+    FileLocation location(1, fileOffset, majorVer, minorVer, number, std::move(buff));
+    insert(ByteRange{offset, len}, location);
 }
 
 void SkipList::insert(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data) {
     insert(*index, *data);
 }
 
-void SkipList::insert(const Index& range, Data& location) {
-    if (!insertInPlace(range, location)) insertByReplacing(range, location);
+void SkipList::insert(const ByteRange& range, FileLocation& location) {
+    // Whether the limit refuses an insert does not depend on whether it comes to need a node.
+    MemoryStat::checkMem(Node::charge);
+    noteOrder(range);
+    if (!InsertInPlace::tryTo(*this, range, location)) insertByReplacing(range, location);
     rawCount = wrapping::add(rawCount, 1);
     rawLen = wrapping::add(rawLen, range.getLen());
 }
@@ -283,8 +261,8 @@ void SkipList::insert(const Index& range, Data& location) {
 // Which of its two neighbours a range continues, and the range that they are together. A length
 // that 32 bits do not hold is not made: the left neighbour is tried first, then the right one
 // added.
-SkipList::Fusion SkipList::fuse(const Index& range, const Data& location, const Node& left,
-                                const Node& right) const {
+SkipList::Fusion SkipList::fuse(const ByteRange& range, const FileLocation& location,
+                                const Node& left, const Node& right) const {
     Fusion fusion{false, false, range.getOffset(), range.getLen()};
     if (&left != head.get() && continues(range, location, *left.index, *left.data) &&
         isLength(fusion.len + left.getLen())) {
@@ -301,7 +279,8 @@ SkipList::Fusion SkipList::fuse(const Index& range, const Data& location, const 
 }
 
 // The general way: every node that the range overlaps or continues is replaced by new ones.
-void SkipList::insertByReplacing(const Index& range, Data& location) {
+void SkipList::insertByReplacing(const ByteRange& range, FileLocation& location) {
+    const ChargeBatch batch;
     // Whatever happens, the scratch arrays hold no node when a later insert takes one out.
     const ClearedAtEnd before(*prevArr);
     const ClearedAtEnd after(*nextArr);
@@ -326,205 +305,12 @@ void SkipList::insertByReplacing(const Index& range, Data& location) {
     insertNewNodes(index, leftLeaves ? left->data : data, prevArr, nextArr, overlapped);
 }
 
-// The usual way: wherever a stored node can stand for a part of the result, it stays, with its
-// links, and only its records change.
-//
-//   stored   [----)[--)[--)[----)      [-----------)      [----)
-//   new         [------------)            [----)               [----)
-//   becomes  [-)[------------)[-)      [-)[----)[--)      [---------)
-//             one of the covered       the stored one      the neighbour
-//             becomes the new one      stays and two come  grows
-//
-// False, with nothing done, for what is rare: a range that continues one that it overlaps, both its
-// neighbours, the right one while it overlaps others, or one that covers no byte.
-bool SkipList::insertInPlace(const Index& range, Data& location) {
-    noteOrder(range);
-    const Overlap overlap = findOverlap(range);
-    const Fusion fusion = fuse(range, location, *path.front(), *overlap.next);
-    if (fusion.right && (fusion.left || overlap.count > 0)) return false;
-    if (fusion.left && overlap.outLeft) return false;
-    Node* const neighbour = fusion.left ? path.front() : fusion.right ? overlap.next : nullptr;
-    if (neighbour != nullptr && neighbour->getLen() <= 0) return false;
-    if (continuesOverlapped(range, location, fusion, overlap)) return false;
-    overlay(range, location, fusion, overlap, neighbour);
-    return true;
-}
-
-void SkipList::noteOrder(const Index& range) {
+void SkipList::noteOrder(const ByteRange& range) {
     if (range.getEnd() <= range.getOffset()) isOrdered = false;
 }
 
-// Makes `path` end at the last node that ends at or before `key`. Often it does so already, or one
-// step before, since many writes go on where the one before them stopped.
 void SkipList::leadPathTo(long long key) {
-    if (isOrdered && path.front()->getEnd() <= key) {
-        Node* next = path.front()->linked(0).get();
-        if (next->getEnd() <= key && next != tail.get()) {
-            passOver(*next);
-            next = next->linked(0).get();
-        }
-        if (next->getEnd() > key) return;
-    }
-    descend(key, topLevel, [this](int level, const auto& previous, const auto&) {
-        path[static_cast<std::size_t>(level)] = previous.get();
-        return false;
-    });
-}
-
-// Leads the path to the range, and notes what the range lies over.
-SkipList::Overlap SkipList::findOverlap(const Index& range) {
-    leadPathTo(range.getOffset());
-    const std::shared_ptr<Node>* next = &path.front()->linked(0);
-    Overlap overlap{};
-    overlap.first = next->get();
-    for (; startsBefore(*next, range.getEnd()); next = &(*next)->linked(0)) {
-        overlap.last = next->get();
-        overlap.bytes += overlap.last->getLen();
-        ++overlap.count;
-    }
-    overlap.next = next->get();
-    if (overlap.count > 0) {
-        overlap.outLeft = overlap.first->getOffset() < range.getOffset();
-        overlap.outRight = overlap.last->getEnd() > range.getEnd();
-    }
-    return overlap;
-}
-
-// Whether the range, together with the left neighbour that it continues, also continues a range
-// that sticks out.
-bool SkipList::continuesOverlapped(const Index& range, const Data& location, const Fusion& fusion,
-                                   const Overlap& overlap) const {
-    if (fusion.left) {
-        if (!overlap.outRight) return false;
-        const Index fused(fusion.offset, static_cast<int>(fusion.len));
-        return continues(fused, *path.front()->data, *overlap.last->index, *overlap.last->data);
-    }
-    const auto continued = [&](const Node& stored) {
-        return continues(range, location, *stored.index, *stored.data);
-    };
-    return (overlap.outLeft && continued(*overlap.first)) ||
-           (overlap.outRight && continued(*overlap.last));
-}
-
-// Lays the range over what is there. A neighbour, unless null, is the one that takes it in.
-void SkipList::overlay(const Index& range, Data& location, const Fusion& fusion,
-                       const Overlap& overlap, Node* neighbour) {
-    const Plan plan = planOverlay(overlap, neighbour);
-    const long long gained = bytesGained(fusion, overlap, neighbour);
-    Parts parts = makeParts(range, overlap, plan);
-
-    // Nothing can fail any more. Java, which gets back the buffers of what is replaced, is not
-    // called before the map is whole again: until then the exchanged records and `removed` hold
-    // them.
-    std::shared_ptr<Node> removed;
-    if (plan.keepsLast) {
-        shorten(*overlap.last, range.getEnd(), overlap.last->getEnd(), parts.right);
-    }
-    if (overlap.outLeft) {
-        shorten(*overlap.first, overlap.first->getOffset(), range.getOffset(), parts.left);
-        passOver(*overlap.first);
-    }
-    if (plan.kept == nullptr) {
-        parts.added->data->swap(location);
-        if (plan.splits) linkBehindPath(std::move(parts.rest));
-        linkBehindPath(std::move(parts.added));
-    } else {
-        plan.kept->index->set(fusion.offset, static_cast<int>(fusion.len));
-        // A range that grows to the right keeps its location, for its start stays where it is.
-        if (!fusion.left) plan.kept->data->swap(location);
-        if (neighbour == nullptr) passOver(*plan.kept);
-        while (path.front()->linked(0).get() != plan.behind) unlinkBehindPath(removed);
-    }
-    validLen = wrapping::add(validLen, gained);
-    while (removed) removed = std::move(removed->linked(0));
-}
-
-SkipList::Plan SkipList::planOverlay(const Overlap& overlap, Node* neighbour) {
-    Plan plan{};
-    plan.splits = overlap.outLeft && overlap.outRight && overlap.first == overlap.last;
-    plan.keepsLast = overlap.outRight && !plan.splits;
-    plan.behind = plan.keepsLast ? overlap.last : overlap.next;
-    Node* const covered = overlap.outLeft ? overlap.first->linked(0).get() : overlap.first;
-    plan.kept = neighbour == nullptr && covered != plan.behind ? covered : neighbour;
-    return plan;
-}
-
-// Makes what the plan needs and does not have, with Java's help where buffers are cut. An insert
-// that needs no node is refused where one that does would be.
-SkipList::Parts SkipList::makeParts(const Index& range, const Overlap& overlap, const Plan& plan) {
-    const long long start = range.getOffset();
-    const long long end = range.getEnd();
-    const Node& first = *overlap.first;
-    if (plan.kept != nullptr) MemoryStat::checkMem(Node::charge);
-    Parts parts;
-    if (overlap.outLeft) parts.left = partOfBuffer(first, first.getOffset(), start);
-    if (plan.kept == nullptr) parts.added = Node::create(range, randLevel(), &pool);
-    if (plan.splits) parts.rest = cut(first, end, first.getEnd());
-    if (plan.keepsLast) parts.right = partOfBuffer(*overlap.last, end, overlap.last->getEnd());
-    return parts;
-}
-
-// What an insert adds to `validLen`. If the new range ends inside a stored one on one side only,
-// gaps between those that it overlaps do not count.
-long long SkipList::bytesGained(const Fusion& fusion, const Overlap& overlap,
-                                const Node* neighbour) {
-    const long long end = wrapping::add(fusion.offset, fusion.len);
-    if (overlap.outLeft && overlap.outRight) {
-        const long long covered =
-            wrapping::subtract(overlap.last->getEnd(), overlap.first->getOffset());
-        return wrapping::subtract(covered, overlap.bytes);
-    }
-    if (overlap.outLeft) return wrapping::subtract(end, overlap.last->getEnd());
-    if (overlap.outRight) {
-        const Node& first = neighbour != nullptr ? *neighbour : *overlap.first;
-        return wrapping::subtract(first.getOffset(), fusion.offset);
-    }
-    return fusion.len - overlap.bytes - (neighbour != nullptr ? neighbour->getLen() : 0);
-}
-
-// The location of the part [start, end) of a stored range that holds a buffer; else null.
-std::unique_ptr<Data> SkipList::partOfBuffer(const Node& node, long long start,
-                                             long long end) const {
-    if (!node.data->hasBuff()) return nullptr;
-    return Data::sliceData(node.data, lengthOf(node.getOffset(), start), lengthOf(start, end),
-                           sectorSize);
-}
-
-// Leaves a stored node the part [start, end) of its range, at the given location if it is not null.
-void SkipList::shorten(Node& node, long long start, long long end,
-                       const std::unique_ptr<Data>& part) const {
-    if (part) {
-        node.data->swap(*part);
-    } else {
-        node.data->skip(lengthOf(node.getOffset(), start), sectorSize);
-    }
-    node.index->set(start, lengthOf(start, end));
-}
-
-void SkipList::passOver(Node& node) {
-    std::fill_n(path.begin(), node.getLevel() + 1, &node);
-}
-
-// Links a node behind the last one before it at each of its levels.
-void SkipList::linkBehindPath(std::shared_ptr<Node> node) {
-    for (int i = node->getLevel(); i >= 0; --i) {
-        std::shared_ptr<Node>& link = path[static_cast<std::size_t>(i)]->linked(i);
-        node->linked(i) = std::move(link);
-        if (i > 0) link = node;
-    }
-    path.front()->linked(0) = std::move(node);
-    ++size;
-}
-
-// Takes the node behind the path out, and puts it before `removed`.
-void SkipList::unlinkBehindPath(std::shared_ptr<Node>& removed) {
-    std::shared_ptr<Node> node = std::move(path.front()->linked(0));
-    for (int i = 0; i <= node->getLevel(); ++i) {
-        path[static_cast<std::size_t>(i)]->linked(i) = std::move(node->linked(i));
-    }
-    node->linked(0) = std::exchange(removed, nullptr);
-    removed = std::move(node);
-    --size;
+    path.leadTo(key, head, *tail, topLevel, isOrdered);
 }
 
 void SkipList::insertNewNodes(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
@@ -580,8 +366,8 @@ void SkipList::expandLeft(std::unique_ptr<Index>& index, std::unique_ptr<Data>& 
     const long long newEnd = index->getEnd();
     const long long lastEnd = last.getEnd();
     const bool fuses = isConnected(index, data, last.index, last.data) &&
-                       lengthOf(newOff, lastEnd) != longestRange;
-    if (fuses) index = Index::create(newOff, lengthOf(newOff, lastEnd));
+                       ByteRange::lengthOf(newOff, lastEnd) != longestRange;
+    if (fuses) index = Index::create(newOff, ByteRange::lengthOf(newOff, lastEnd));
     Node& left = append(newNodes, Node::create(*index, randLevel(), &pool));
     if (!fuses) append(newNodes, cut(last, newEnd, lastEnd));
     left.data->swap(*data);
@@ -602,7 +388,7 @@ void SkipList::expandRight(std::unique_ptr<Index>& index, std::unique_ptr<Data>&
     const long long firstOff = first.getOffset();
     const bool fuses = isConnected(index, data, first.index, first.data);
     if (fuses) {
-        index = Index::create(firstOff, lengthOf(firstOff, newEnd));
+        index = Index::create(firstOff, ByteRange::lengthOf(firstOff, newEnd));
     } else {
         append(newNodes, cut(first, firstOff, newOff));
     }
@@ -637,7 +423,8 @@ void SkipList::updateMiddle(std::unique_ptr<Index>& index, std::unique_ptr<Data>
     const long long fusedEnd = fusesWhole || fusesRight ? lastEnd : newEnd;
 
     if (!fusesLeft) append(newNodes, cut(first, firstOff, newOff));
-    if (fusesLeft || fusesRight) index = Index::create(fusedOff, lengthOf(fusedOff, fusedEnd));
+    if (fusesLeft || fusesRight)
+        index = Index::create(fusedOff, ByteRange::lengthOf(fusedOff, fusedEnd));
     const int level = fusesLeft ? first.getLevel() : randLevel();
     Node& middle = append(newNodes, Node::create(*index, level, &pool));
     if (fusedEnd == newEnd) append(newNodes, cut(last, newEnd, lastEnd));
@@ -649,10 +436,10 @@ void SkipList::updateMiddle(std::unique_ptr<Index>& index, std::unique_ptr<Data>
 
 // A new node for the part [start, end) of a stored range.
 std::shared_ptr<Node> SkipList::cut(const Node& source, long long start, long long end) {
-    const int len = lengthOf(start, end);
-    const int skip = lengthOf(source.getOffset(), start);
-    const Index range(start, len);
-    Data location(*source.data, skip, len, sectorSize);
+    askForRecords();
+    const ByteRange range{start, ByteRange::lengthOf(start, end)};
+    FileLocation location(*source.data, ByteRange::lengthOf(source.getOffset(), start),
+                          range.getLen(), sectorSize);
     return Node::create(range, location, randLevel(), &pool);
 }
 
@@ -687,7 +474,7 @@ void SkipList::link(std::shared_ptr<Node>& from, std::shared_ptr<Node>& to) cons
 
 void SkipList::link(Node::Arr& predecessors, Node::Arr& successors, Node::List& newNodes) {
     // The path may lead over nodes that are about to go.
-    std::fill(path.begin(), path.end(), head.get());
+    path.reset(*head);
     newNodes->back()->next(0) = Node::at(*successors, 0);
     int linked = 0;  // levels whose predecessor points to a new node by now
     for (const auto& node : *newNodes) {
@@ -718,52 +505,53 @@ bool SkipList::compareAndSet(std::unique_ptr<Index>& index, std::unique_ptr<Data
 bool SkipList::compareAndSet(long long offset, int len, int expFileOffset, int expMajorVer,
                              int expMinorVer, unsigned char expNumber, int newFileOffset,
                              int newMajorVer, int newMinorVer, unsigned char newNumber) {
-    const ChargeBatch batch;
-    const Index index(offset, len);
-    const Data expected(0, expFileOffset, expMajorVer, expMinorVer, expNumber);
-    const Data newData(0, newFileOffset, newMajorVer, newMinorVer, newNumber);
-    return compareAndSet(index, expected, newData);
+    askForRecords();
+    const FileLocation expected(0, expFileOffset, expMajorVer, expMinorVer, expNumber);
+    const FileLocation newLocation(0, newFileOffset, newMajorVer, newMinorVer, newNumber);
+    return compareAndSet(ByteRange{offset, len}, expected, newLocation);
 }
 
-bool SkipList::compareAndSet(const Index& range, const Data& expected, const Data& newData) {
+bool SkipList::compareAndSet(const ByteRange& range, const FileLocation& expected,
+                             const FileLocation& newLocation) {
     const ChargeBatch batch;
     // All pieces are found before the first insert changes what is there. They are no nodes:
     // references to these would keep whole chains of replaced ones alive.
-    struct Piece {
-        long long start;
-        int len;
-    };
-    std::vector<Piece> pieces;
+    std::vector<ByteRange> pieces;
     forEachOverlapped(range, [&](Node& node) {
         if (!continues(*node.index, *node.data, range, expected)) return;
         const long long start = std::max(node.getOffset(), range.getOffset());
         const long long end = std::min(node.getEnd(), range.getEnd());
-        pieces.push_back({start, lengthOf(start, end)});
+        pieces.push_back({start, ByteRange::lengthOf(start, end)});
     });
-    for (const Piece& piece : pieces) {
-        const int skip = lengthOf(range.getOffset(), piece.start);
-        Data location(newData, skip, piece.len, sectorSize);
-        insert(Index(piece.start, piece.len), location);
+    for (const ByteRange& piece : pieces) {
+        askForRecords();
+        const int skip = ByteRange::lengthOf(range.getOffset(), piece.getOffset());
+        FileLocation location(newLocation, skip, piece.getLen(), sectorSize);
+        insert(piece, location);
     }
     return !pieces.empty();
 }
 
 long long SkipList::compareAndRelease(std::unique_ptr<Index>& index,
                                       std::unique_ptr<Data>& expected) {
-    long long released = 0;
-    forEachOverlapped(*index, [&](Node& node) {
-        if (node.getOffset() < index->getOffset() || node.getEnd() > index->getEnd()) return;
-        if (!isDataConnected(node.index, node.data, index, expected)) return;
-        released += node.releaseFileBuff();
-    });
-    return released;
+    return compareAndRelease(*index, *expected);
 }
 
 long long SkipList::compareAndRelease(long long offset, int len, int fileOffset, int majorVer,
                                       int minorVer, unsigned char number) {
-    auto index = Index::create(offset, len);
-    auto expected = Data::create(0, fileOffset, majorVer, minorVer, number);
-    return compareAndRelease(index, expected);
+    askForRecords();
+    return compareAndRelease(ByteRange{offset, len},
+                             FileLocation(0, fileOffset, majorVer, minorVer, number));
+}
+
+long long SkipList::compareAndRelease(const ByteRange& range, const FileLocation& expected) {
+    long long released = 0;
+    forEachOverlapped(range, [&](Node& node) {
+        if (node.getOffset() < range.getOffset() || node.getEnd() > range.getEnd()) return;
+        if (!touch(*node.index, range) || !runsOn(*node.index, *node.data, range, expected)) return;
+        released += node.releaseFileBuff();
+    });
+    return released;
 }
 
 long long SkipList::release() {
@@ -778,11 +566,12 @@ void SkipList::copyTo(SkipList* destination) {
     const ChargeBatch batch;
     for (std::shared_ptr<Node> node = head->nextNode(); node != tail;) {
         const long long end = node->getEnd();
-        const Index index(*node->index);
-        Data data(*node->data);
+        askForRecords();
+        const ByteRange range = *node->index;
+        FileLocation location(*node->data);
         // From here on the buffer is the destination's, and given back through its environment.
-        if (data.hasBuff()) data.buff->env = destination->env;
-        destination->insert(index, data);
+        if (location.hasBuff()) location.buff->env = destination->env;
+        destination->insert(range, location);
         // A map that is copied into itself may have lost this very node.
         node = destination == this ? findEqualGreater(end) : node->nextNode();
     }

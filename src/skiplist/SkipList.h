@@ -32,9 +32,9 @@
 #include <list>
 #include <memory>
 #include <random>
-#include <vector>
 
 #include "skiplist/Node.h"
+#include "skiplist/Path.h"
 
 class SkipList {
   public:
@@ -180,85 +180,44 @@ class SkipList {
         long long len;
     };
 
-    // What a new range lies over.
-    struct Overlap {
-        Node* first;  // the first stored range that shares a byte with it, or `next`
-        Node* last;   // the last one, null if there is none
-        Node* next;   // the one behind, or `tail`
-        int count;
-        long long bytes;  // summed lengths
-        bool outLeft;     // the first one begins before the new range
-        bool outRight;    // the last one ends behind it
-    };
-
-    // What becomes of the nodes that a new range lies over.
-    struct Plan {
-        Node* kept;          // becomes the new range; null if a node is to be added
-        const Node* behind;  // the nodes after `kept` up to this one are covered, and go
-        bool splits;         // one stored range sticks out on both sides
-        bool keepsLast;      // the last one stays, as what sticks out on the right
-    };
-    // What an insert needs besides; null is what it does not need.
-    struct Parts {
-        std::unique_ptr<Data> left;  // location of what sticks out, where it has a buffer
-        std::unique_ptr<Data> right;
-        std::shared_ptr<Node> added;
-        std::shared_ptr<Node> rest;  // what sticks out on the right of a range that is split
-    };
-
     const std::shared_ptr<Node>& firstEndingAfter(long long key) const;
-    template <typename Note>
-    const std::shared_ptr<Node>& descend(long long key, int from, Note note) const;
     bool startsBefore(const std::shared_ptr<Node>& node, long long end) const;
     template <typename Visit>
-    void forEachOverlapped(const Index& range, Visit visit) const;
+    void forEachOverlapped(const ByteRange& range, Visit visit) const;
 
-    bool continues(const Index& newIndex, const Data& newData, const Index& oldIndex,
-                   const Data& oldData) const;
-    bool runsOn(const Index& newIndex, const Data& newData, const Index& oldIndex,
-                const Data& oldData) const;
-    Fusion fuse(const Index& range, const Data& location, const Node& left,
+    bool continues(const ByteRange& newRange, const FileLocation& newLocation,
+                   const ByteRange& oldRange, const FileLocation& oldLocation) const;
+    bool runsOn(const ByteRange& newRange, const FileLocation& newLocation,
+                const ByteRange& oldRange, const FileLocation& oldLocation) const;
+    Fusion fuse(const ByteRange& range, const FileLocation& location, const Node& left,
                 const Node& right) const;
 
-    void insert(const Index& range, Data& location);
-    bool compareAndSet(const Index& range, const Data& expected, const Data& newData);
-    void insertByReplacing(const Index& range, Data& location);
-    bool insertInPlace(const Index& range, Data& location);
-    void noteOrder(const Index& range);
+    void insert(const ByteRange& range, FileLocation& location);
+    bool compareAndSet(const ByteRange& range, const FileLocation& expected,
+                       const FileLocation& newLocation);
+    long long compareAndRelease(const ByteRange& range, const FileLocation& expected);
+    void insertByReplacing(const ByteRange& range, FileLocation& location);
+    void noteOrder(const ByteRange& range);
     void leadPathTo(long long key);
-    Overlap findOverlap(const Index& range);
-    bool continuesOverlapped(const Index& range, const Data& location, const Fusion& fusion,
-                             const Overlap& overlap) const;
-    void overlay(const Index& range, Data& location, const Fusion& fusion, const Overlap& overlap,
-                 Node* neighbour);
-    static Plan planOverlay(const Overlap& overlap, Node* neighbour);
-    Parts makeParts(const Index& range, const Overlap& overlap, const Plan& plan);
-    static long long bytesGained(const Fusion& fusion, const Overlap& overlap,
-                                 const Node* neighbour);
-    std::unique_ptr<Data> partOfBuffer(const Node& node, long long start, long long end) const;
-    void shorten(Node& node, long long start, long long end,
-                 const std::unique_ptr<Data>& part) const;
-    void passOver(Node& node);
-    void linkBehindPath(std::shared_ptr<Node> node);
-    void unlinkBehindPath(std::shared_ptr<Node>& removed);
 
     std::shared_ptr<Node> cut(const Node& source, long long start, long long end);
     Node& append(Node::List& newNodes, std::shared_ptr<Node> node);
     void countReplaced(const Node::List& overlapped, const Node::List& newNodes,
                        long long coveredBytes);
 
+    // The usual way of an insert; it shares the rules, and changes what is below.
+    friend class InsertInPlace;
+
     // Holds the nodes between the sentinels.
     BlockPool pool;
 
-    // No node is linked above it. Searches begin there, and `path` holds `head` above it.
+    // No node is linked above it, and searches begin there.
     int topLevel = 0;
 
     // Every range so far ends behind its start, so that ends are in order like starts. Otherwise
     // a node that ends before a key does not say that all nodes before it do.
     bool isOrdered = true;
 
-    // For each level the last node at or before one place of the map, that of the latest insert. It
-    // stays so when nodes are linked or unlinked right behind that place or records change, which
-    // is all that insertInPlace does; the splice of the general way sets it back to `head`.
-    std::vector<Node*> path;
+    // Ends where the latest insert was.
+    Path path;
 };
