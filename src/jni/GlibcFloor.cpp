@@ -46,6 +46,34 @@ int __pthread_key_create(pthread_key_t* /*key*/, void (* /*destructor*/)(void*))
     return ENOSYS;
 }
 
+// glibc 2.34, which moved them as well: the versions from before, which every C library has. Weak:
+// a program that loads Java in an uncommon way may keep that other library to itself, and then
+// there are no keys.
+#ifdef __x86_64__
+#define FROM_THE_START(name) asm(".symver first_" #name "," #name "@GLIBC_2.2.5")
+#else
+#define FROM_THE_START(name) asm(".symver first_" #name "," #name "@GLIBC_2.17")
+#endif
+[[gnu::weak]] int first_pthread_key_create(pthread_key_t* key, void (*destructor)(void*));
+[[gnu::weak]] int first_pthread_key_delete(pthread_key_t key);
+[[gnu::weak]] int first_pthread_setspecific(pthread_key_t key, std::uintptr_t value);
+FROM_THE_START(pthread_key_create);
+FROM_THE_START(pthread_key_delete);
+FROM_THE_START(pthread_setspecific);
+
+int pthread_key_create(pthread_key_t* key, void (*destructor)(void*)) {
+    return first_pthread_key_create != nullptr ? first_pthread_key_create(key, destructor) : ENOSYS;
+}
+
+int pthread_key_delete(pthread_key_t key) {
+    return first_pthread_key_delete != nullptr ? first_pthread_key_delete(key) : ENOSYS;
+}
+
+int pthread_setspecific(pthread_key_t key, const void* value) {
+    if (first_pthread_setspecific == nullptr) return ENOSYS;
+    return first_pthread_setspecific(key, reinterpret_cast<std::uintptr_t>(value));
+}
+
 #ifdef DLFO_STRUCT_HAS_EH_DBASE
 extern const ElfW(Ehdr) __ehdr_start __attribute__((visibility("hidden")));
 
