@@ -227,9 +227,9 @@ class Competition {
     std::shared_ptr<Case> measured;
 };
 
-using Rivals = Competition<compareRivals, NativeMap, StdRangeMap, BtreeRangeMap, IclRangeMap>;
+using Rivals = Competition<compareRivals, LibraryMap, StdRangeMap, BtreeRangeMap, IclRangeMap>;
 // No rival: what a buffer costs is the counting of references on the Java side, which none has.
-using WithBuffers = Competition<compareWithBuffers, BufferedNativeMap>;
+using WithBuffers = Competition<compareWithBuffers, BufferedLibraryMap>;
 
 Operations partlyOverwritten(int pages) {
     Operations operations = fillRandomly(pages);

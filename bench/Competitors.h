@@ -8,7 +8,7 @@
 
 #include "BtreeRangeMap.h"
 #include "IclRangeMap.h"
-#include "NativeMap.h"
+#include "LibraryMap.h"
 #include "Operation.h"
 #include "StdRangeMap.h"
 

@@ -111,7 +111,7 @@ class Rival {
 
 template <typename... Maps>
 std::size_t compareAll(const Workload& workload) {
-    NativeMap skipList;
+    LibraryMap skipList;
     std::tuple<Rival<Maps>...> rivals;
     for (const Operations* operations : {&workload.setUp, &workload.timed}) {
         for (const Operation& operation : *operations) {
@@ -132,7 +132,7 @@ std::size_t compareRivals(const Workload& workload) {
 }
 
 std::size_t compareWithBuffers(const Workload& workload) {
-    const std::size_t ranges = compareAll<BufferedNativeMap>(workload);
+    const std::size_t ranges = compareAll<BufferedLibraryMap>(workload);
     const StandInJvm& jvm = StandInJvm::ofThread();
     if (jvm.retained() != 0 || jvm.globalReferences() != 0) {
         throw std::runtime_error(std::to_string(jvm.retained()) + " slices and " +

@@ -90,8 +90,8 @@ int replayOnce(const std::string& name, const std::string& trace) {
 }
 
 int replayOnce(const Options& options) {
-    return replayOnce<NativeMap, StdRangeMap, BtreeRangeMap, IclRangeMap>(options.replayOnce,
-                                                                          options.trace);
+    return replayOnce<LibraryMap, StdRangeMap, BtreeRangeMap, IclRangeMap>(options.replayOnce,
+                                                                           options.trace);
 }
 
 int measure(const Options& options) {

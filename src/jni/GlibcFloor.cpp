@@ -17,7 +17,7 @@
 #include <cstdint>
 
 // The names and their parameters are the C library's.
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl*,readability-non-const-parameter)
+// NOLINTBEGIN(readability-inconsistent-*,bugprone-reserved-identifier,cert-dcl*,readability-non-const-parameter)
 extern "C" {
 
 // glibc 2.32. Zero always: shared pointers count atomically, as they must in a JVM, which has
@@ -99,4 +99,4 @@ int _dl_find_object(void* address, dl_find_object* result) {
 }
 #endif
 }
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl*,readability-non-const-parameter)
+// NOLINTEND(readability-inconsistent-*,bugprone-reserved-identifier,cert-dcl*,readability-non-const-parameter)

@@ -15,8 +15,7 @@
 //       thread charged or credited are not yet in its record. No limit judges them: that looks at
 //       the total of the last sweep.
 //   (5) No thread keeps the library mapped: what is thread-local has no destructor.
-// Threads: everything may be called from any thread. The members read without a lock are relaxed
-// atomics: each is a number of its own, and none guards other data.
+// Threads: everything may be called from any thread.
 // Cost: a charge is one comparison, one look-up of what is thread-local (a call, in a library that
 //   is loaded late) and one uncontended lock; in a batch an addition in place of the lock. A sweep
 //   visits every thread's record.
@@ -78,8 +77,14 @@ class MemoryStat {
     // Milliseconds of the system clock since its epoch.
     static long long getTimeStamp();
 
+    // Relaxed suffices for these, on any processor. A limit goes with no other data: a charge that
+    // meets a change of it is judged by the old one or the new one, as if it came before or after.
     static std::atomic<long long> memMax;
+    // Two threads that find the interval over at once both sweep, which loses nothing: each count
+    // is moved under the lock of its record.
     static std::atomic<long long> lastAccessTm;
+    // Each value means something by itself. A caller of getStatisInfo reads what it stored, or what
+    // a later caller did.
     static std::atomic<long long> info[infoLength];
 
     // Built at load and never destroyed: at process exit other threads may still be inside the

@@ -46,8 +46,9 @@ class Stats {
 
     std::thread::id threadId;
     std::shared_ptr<Stats> parent;
-    // Written under `mutex` only. Atomic so that the global total can be read without the lock:
-    // relaxed suffices, since a reader uses the number alone and any recent value will do.
+    // Written under `mutex` only, which orders the writes. Atomic so that the global total can be
+    // read without the lock: relaxed suffices, since a reader uses the number alone, no other data
+    // goes with it, and the limit is defined by any recent value.
     std::atomic<long long> count{0};
     int idleSweeps = 0;
     bool retired = false;

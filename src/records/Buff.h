@@ -70,7 +70,8 @@ class Buff {
     std::shared_ptr<Env> env;  // empty after release
     jobject buff = nullptr;
 
-    // The release method is stored last and marks all three as set.
+    // The release method is stored last and marks all three as set. In the default order: who sees
+    // it set must see the other two.
     static std::atomic<jmethodID> m_jmethod_byte_buf_retained_slice;
     static std::atomic<jmethodID> m_jmethod_byte_buf_retained_slice_params;
     static std::atomic<jmethodID> m_jmethod_byte_buf_release;

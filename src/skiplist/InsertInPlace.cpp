@@ -5,6 +5,17 @@
 #include "memory/Memorystatistics.h"
 #include "records/Wrapping.h"
 
+namespace {
+
+// Ends the nodes of a chain one by one, each without successors by then.
+void drop(std::shared_ptr<Node> chain) {
+    if (chain == nullptr) return;
+    const ChargeBatch batch;
+    while (chain) chain = std::move(chain->linked(0));
+}
+
+}  // namespace
+
 bool InsertInPlace::tryTo(SkipList& map, const ByteRange& range, FileLocation& location) {
     InsertInPlace insert(map, range, location);
     map.leadPathTo(range.getOffset());
@@ -133,7 +144,7 @@ void InsertInPlace::apply(Parts& parts) {
         removed = unlinkCovered();
     }
     map.validLen = wrapping::add(map.validLen, gained);
-    while (removed) removed = std::move(removed->linked(0));
+    drop(std::move(removed));
 }
 
 // Leaves a stored node the part [start, end) of its range, at the given location if there is one.

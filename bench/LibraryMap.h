@@ -8,18 +8,18 @@
 #include "StandInJvm.h"
 #include "stor_device_skiplist_JniSkipListNative.h"
 
-class NativeMap {
+class LibraryMap {
   public:
     static constexpr const char* name = "skip-list";
 
-    NativeMap();
-    ~NativeMap();
-    NativeMap(const NativeMap&) = delete;
-    NativeMap& operator=(const NativeMap&) = delete;
+    LibraryMap();
+    ~LibraryMap();
+    LibraryMap(const LibraryMap&) = delete;
+    LibraryMap& operator=(const LibraryMap&) = delete;
 
     void insert(const Range& range);
     bool compareAndSet(const Range& range, const Location& expected);
-    void copyTo(NativeMap& other) const;
+    void copyTo(LibraryMap& other) const;
 
     // Visits the ranges that share a byte with [offset, offset + len), in order.
     template <typename Visit>
@@ -53,12 +53,12 @@ class NativeMap {
 };
 
 // The same, with a buffer for each range.
-class BufferedNativeMap : public NativeMap {
+class BufferedLibraryMap : public LibraryMap {
   public:
     void insert(const Range& range);
 };
 
-inline Range NativeMap::rangeOf(jlong node) const {
+inline Range LibraryMap::rangeOf(jlong node) const {
     return {
         Java_stor_device_skiplist_JniSkipListNative_getNodeIndexOffset(env, nullptr, node),
         Java_stor_device_skiplist_JniSkipListNative_getNodeIndexLen(env, nullptr, node),

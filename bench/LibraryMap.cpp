@@ -1,4 +1,4 @@
-#include "NativeMap.h"
+#include "LibraryMap.h"
 
 #include "skiplist/SkipList.h"
 
@@ -12,25 +12,25 @@ jbyte numberOf(const Location& location) {
 
 }  // namespace
 
-NativeMap::NativeMap()
+LibraryMap::LibraryMap()
     : handle(Java_stor_device_skiplist_JniSkipListNative_createSkipList(env, nullptr, height,
                                                                         sectorSize)) {
     // A map draws its levels from the time of day: fixed, for two runs to do the same.
     SkipList::getSkipList(handle, nullptr)->engine->seed(7);
 }
 
-NativeMap::~NativeMap() {
+LibraryMap::~LibraryMap() {
     Java_stor_device_skiplist_JniSkipListNative_destorySkipList(env, nullptr, handle);
 }
 
-void NativeMap::insert(const Range& range) {
+void LibraryMap::insert(const Range& range) {
     const Location& location = range.location;
     Java_stor_device_skiplist_JniSkipListNative_insert(
         env, nullptr, handle, range.offset, range.len, location.fileOffset, location.majorVer,
         location.minorVer, numberOf(location));
 }
 
-bool NativeMap::compareAndSet(const Range& range, const Location& expected) {
+bool LibraryMap::compareAndSet(const Range& range, const Location& expected) {
     const Location& location = range.location;
     return Java_stor_device_skiplist_JniSkipListNative_compareAndSet(
                env, nullptr, handle, range.offset, range.len, expected.fileOffset,
@@ -38,11 +38,11 @@ bool NativeMap::compareAndSet(const Range& range, const Location& expected) {
                location.majorVer, location.minorVer, numberOf(location)) != JNI_FALSE;
 }
 
-void NativeMap::copyTo(NativeMap& other) const {
+void LibraryMap::copyTo(LibraryMap& other) const {
     Java_stor_device_skiplist_JniSkipListNative_copySkipList(env, nullptr, handle, other.handle);
 }
 
-void BufferedNativeMap::insert(const Range& range) {
+void BufferedLibraryMap::insert(const Range& range) {
     const Location& location = range.location;
     StandInJvm::Buffer buffer{range.len};
     Java_stor_device_skiplist_JniSkipListNative_insertWithBuff(
