@@ -96,6 +96,16 @@ TEST_F(Memory, EndedThreadsLoseNothingAlthoughTheirIdsAreUsedAgain) {
     MemoryStat::statsMem(-threads * 10);
 }
 
+TEST_F(Memory, EndedThreadDropsItsRecord) {
+    std::weak_ptr<Stats> record;
+    std::thread([&] {
+        const Index index(0, 1);
+        record = thr_local_stats;
+    }).join();
+    sweptTotal();  // retires it
+    EXPECT_TRUE(record.expired());
+}
+
 TEST_F(Memory, BatchRecordsOnceAtItsEndAndNoLimitMissesWhatItHolds) {
     const long long swept = sweptTotal();
     {
