@@ -33,8 +33,8 @@ struct ByteRange {
     int getLen() const { return len; }
     long long getEnd() const { return endOf(offset, len); }
 
-    long long offset;  // bytes
-    int len;           // bytes
+    long long offset = 0;  // bytes
+    int len = 0;           // bytes
 };
 
 class Index : public ByteRange {
