@@ -1,12 +1,14 @@
-// The native methods as the JVM calls them, with the stand-in JVM: texts, handles, environments.
+// The native methods as the JVM calls them: texts, return values, environments, and buffers.
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <string>
+#include <vector>
 
-#include "jni/Guard.h"
 #include "memory/Memorystatistics.h"
 #include "support/Faults.h"
 #include "support/Native.h"
@@ -15,26 +17,25 @@
 namespace {
 
 using namespace native;
+using faults::Fault, faults::Kind;
 
 constexpr const char* outOfMemoryError = "java/lang/OutOfMemoryError";
 constexpr const char* runtimeException = "java/lang/RuntimeException";
+constexpr long long noLimit = std::numeric_limits<long long>::max();
 
 class Native : public testing::Test {
   protected:
-    Native() { handle = createSkipList(env, nullptr, 4, 512); }
-
     ~Native() override {
-        destorySkipList(env, nullptr, handle);
+        map.reset();
         EXPECT_EQ(faults::chargedBytes(), chargedBefore);
         EXPECT_EQ(java.globalRefs, 0);
+        EXPECT_EQ(java.localRefs, 0);
         EXPECT_EQ(java.retained(), 0);
     }
 
-    SkipList& map() const { return *SkipList::getSkipList(handle, nullptr); }
-
     // Runs `call`, and expects this line and this Java exception of it.
-    void expectFailure(const std::string& line, const char* javaClass, const std::string& message,
-                       const std::function<void()>& call) {
+    void expectFailure(const std::string& line, const std::string& javaClass,
+                       const std::string& message, const std::function<void()>& call) {
         testing::internal::CaptureStderr();
         java.thrownClass.clear();
         java.thrownMessage.clear();
@@ -44,192 +45,204 @@ class Native : public testing::Test {
         EXPECT_EQ(java.thrownMessage, message);
     }
 
-    void expectRefused(const std::string& method, int charge, const std::function<void()>& call) {
-        MemoryStat::lastAccessTm = 0;
-        const auto used = MemoryStat::getStatisInfo()[6].load();
-        MemoryStat::setMaxMem(0);
-        const std::string message =
-            "JNI memory exceeds the set maximum. memMax: 0 old:" + std::to_string(used) +
-            " used:" + std::to_string(charge);
-        expectFailure(method + " bad_alloc, msg:" + message, outOfMemoryError, message, call);
-        MemoryStat::setMaxMem(std::numeric_limits<long long>::max());
-    }
-
-    void insertBuffered(jlong offset, jint len) {
-        insertWithBuff(env, nullptr, handle, offset, len, 0, 1, 2, -1, java.newBuffer(len));
+    static void forgetMethods() {
+        Buff::m_jmethod_byte_buf_retained_slice = nullptr;
+        Buff::m_jmethod_byte_buf_retained_slice_params = nullptr;
+        Buff::m_jmethod_byte_buf_release = nullptr;
     }
 
     long long chargedBefore = faults::chargedBytes();
     FakeJava java;
     JNIEnv* env = java.env();
-    jlong handle = 0;
+    std::unique_ptr<TestMap> map = std::make_unique<TestMap>(java);
+    jlong handle = map->handle;
 };
 
-TEST_F(Native, BadArgumentsOfCreateAreRefusedWithTheirOwnTexts) {
-    jlong result = 0;
-    expectFailure("createSkipList height is invalid \n", runtimeException, "height is invalid",
-                  [&] { result = createSkipList(env, nullptr, 0, 0); });
-    EXPECT_EQ(result, -1);
-    expectFailure("createSkipList sectorSize is invalid \n", runtimeException,
-                  "sectorSize is invalid", [&] { result = createSkipList(env, nullptr, 1, 0); });
-    EXPECT_EQ(result, -2);
-    expectRefused("createSkipList", 32, [&] { result = createSkipList(env, nullptr, 4, 512); });
-    EXPECT_EQ(result, -3);
-    destorySkipList(env, nullptr, 0);
-}
-
-TEST_F(Native, RefusedChargesAreOutOfMemoryErrorsOfTheirMethods) {
-    expectRefused("insert", 24, [&] { insert(env, nullptr, handle, 0, 10, 0, 1, 2, 3); });
-    expectRefused("insertWithBuff", 32, [&] { insertBuffered(0, 10); });
-    EXPECT_EQ(java.retained(), 0) << "refused before the buffer is sliced, nothing is lost";
-    expectRefused("compareAndSet", 24, [&] {
-        EXPECT_EQ(compareAndSet(env, nullptr, handle, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0), JNI_FALSE);
-    });
-    expectRefused("compareAndRelease", 24,
-                  [&] { EXPECT_EQ(compareAndRelease(env, nullptr, handle, 0, 1, 0, 0, 0, 0), 0); });
-    insert(env, nullptr, handle, 0, 10, 0, 1, 2, 3);
-    expectRefused("copySkipList", 24, [&] { copySkipList(env, nullptr, handle, handle); });
-}
-
-TEST_F(Native, OtherFailuresAreRuntimeExceptionsOfTheirMethods) {
-    insertBuffered(0, 10);
-    const std::string slice = "Buff::Buff JNI CallObjectMethod(byte_buf_retained_slice) failed";
-    const std::string part =
-        "Buff::Buff JNI CallObjectMethod(byte_buf_retained_slice_params) failed";
-    java.failSliceAfter = 0;
-    expectFailure(slice + " \ninsertWithBuff exception, msg:" + slice + " \n", runtimeException,
-                  slice, [&] { insertBuffered(20, 10); });
-    java.failSliceAfter = 0;
-    expectFailure(slice + " \ncopySkipList exception, msg:" + slice + " \n", runtimeException,
-                  slice, [&] { copySkipList(env, nullptr, handle, handle); });
-    java.failSliceAfter = 0;
-    expectFailure(part + " \ninsert exception, msg:" + part, runtimeException, part,
-                  [&] { insert(env, nullptr, handle, 5, 2, 0, 1, 2, 3); });
-    EXPECT_EQ(map().size, 1);
-
-    const jmethodID known = Buff::m_jmethod_byte_buf_release;
-    Buff::m_jmethod_byte_buf_release = nullptr;
-    const std::string lost = "Buff::~Buff JNI jmethod_byte_buf_release not initialized";
-    expectFailure(lost + " \nrelease exception, msg:" + lost + " \n", runtimeException, lost,
-                  [&] { EXPECT_EQ(release(env, nullptr, handle), 0); });
-    expectFailure(
-        lost + " \ncompareAndRelease exception, msg:" + lost + " \n", runtimeException, lost,
-        [&] { EXPECT_EQ(compareAndRelease(env, nullptr, handle, 0, 10, 0, 1, 2, -1), 0); });
-    Buff::m_jmethod_byte_buf_release = known;
-    EXPECT_EQ(release(env, nullptr, handle), 10);
-
-    const auto unlinked = Node::create(Index::create(0, 1), Data::createEmpty(), -1);
+// Every method whose body calls what may throw, with each kind of exception thrown there.
+TEST_F(Native, FailuresBecomeTheLinesExceptionsAndValuesOfTheirMethods) {
+    struct Method {
+        std::string name;
+        bool hasBadAlloc;
+        std::string exceptionEnd;
+        std::function<jlong()> call;
+        std::array<jlong, 3> results{};
+        std::string unknownEnd = ", msg:unknown exception";
+    };
+    const auto address = [](auto reference) { return reinterpret_cast<jlong>(reference); };
+    map->insert(buffered(java, inFile(0, 10, 0)));
+    map->insert(inFile(20, 9, 0));
+    getAllNodes(env, nullptr, handle);
+    const jlong node = java.array[0];
+    const jobject buffer = java.newBuffer(10);
+    const std::vector<Method> methods{
+        {"createSkipList",
+         true,
+         "",
+         [&] { return createSkipList(env, nullptr, 4, 512); },
+         {-3, -4, -5}},
+        {"insert", true, "", [&] { return insert(env, nullptr, handle, 9, 9, 0, 1, 2, 3), 0; }},
+        {"insertWithBuff", true, " \n",
+         [&] { return insertWithBuff(env, nullptr, handle, 9, 9, 0, 1, 2, 3, buffer), 0; }},
+        {"compareAndSet", true, " \n",
+         [&] { return compareAndSet(env, nullptr, handle, 20, 9, 0, 1, 2, 3, 7, 7, 7, 7); }},
+        {"compareAndRelease", true, " \n",
+         [&] { return compareAndRelease(env, nullptr, handle, 0, 9, 0, 1, 2, 3); }},
+        {"release", false, " \n", [&] { return release(env, nullptr, handle); }},
+        {"copySkipList", true, " \n",
+         [&] { return copySkipList(env, nullptr, handle, handle), 0; }},
+        {"getNodeFileBuff", false, " \n",
+         [&] { return address(getNodeFileBuff(env, nullptr, node)); }},
+        {"getNodes", false, " \n", [&] { return address(getNodes(env, nullptr, handle, 0, 9)); }},
+        {"getAllNodes", false, " \n", [&] { return address(getAllNodes(env, nullptr, handle)); }},
+        {"getStats", false, " \n",
+         [&] { return MemoryStat::lastAccessTm = 0, address(getStats(env, nullptr)); }},
+        {"init",
+         false,
+         " \n",
+         [&] { return forgetMethods(), init(env, nullptr, noLimit), 0; },
+         {},
+         " unknown exception \n"},
+    };
+    for (const Method& method : methods) {
+        const auto failing = [&](Kind kind, const std::string& end, const char* type,
+                                 const std::string& message, std::size_t clause) {
+            expectFailure(method.name + end, type, message, [&] {
+                const Fault fault(kind, 1);
+                EXPECT_EQ(method.call(), method.results[clause]) << method.name;
+            });
+        };
+        const std::string start = " exception, msg:";
+        if (method.hasBadAlloc) {
+            failing(Kind::badAlloc, " bad_alloc, msg:std::bad_alloc", outOfMemoryError,
+                    "std::bad_alloc", 0);
+        } else {
+            failing(Kind::badAlloc, start + "std::bad_alloc" + method.exceptionEnd,
+                    runtimeException, "std::bad_alloc", 1);
+        }
+        failing(Kind::exception, start + "why" + method.exceptionEnd, runtimeException, "why", 1);
+        failing(Kind::unknown, " exception" + method.unknownEnd, runtimeException,
+                "unknown exception", 2);
+    }
+    EXPECT_TRUE(Buff::envInit(env));
+    const auto unlinked = Node::create(Index(0, 1), -1);
     const std::string range = "vector::_M_range_check";
-    expectFailure("nextNode exception, msg:" + range + " \n", runtimeException, range, [&] {
-        EXPECT_EQ(nextNode(env, nullptr, reinterpret_cast<jlong>(unlinked.get())), 0);
-    });
-    expectFailure("getStats exception, msg:std::bad_alloc \n", runtimeException, "std::bad_alloc",
-                  [&] {
-                      MemoryStat::lastAccessTm = 0;
-                      const faults::Fault fault(faults::Kind::allocation, 1);
-                      EXPECT_EQ(getStats(env, nullptr), nullptr);
-                  });
+    expectFailure("nextNode exception, msg:" + range + " \n", runtimeException, range,
+                  [&] { EXPECT_EQ(nextNode(env, nullptr, address(unlinked.get())), 0); });
 }
 
-TEST_F(Native, WhateverElseIsThrownIsAnUnknownException) {
-    const Texts texts{.method = "m", .hasBadAllocClause = true, .exceptionEnd = " \n"};
-    expectFailure("m exception, msg:unknown exception", runtimeException, "unknown exception", [&] {
-        EXPECT_EQ(guarded(env, texts, []() -> int { throw 1; }, {1, 2, 3}), 3);
-    });
+TEST_F(Native, ArgumentsOfCreateAndTheLimitAreRefusedWithTheirOwnTexts) {
+    expectFailure("createSkipList height is invalid \n", runtimeException, "height is invalid",
+                  [&] { EXPECT_EQ(createSkipList(env, nullptr, 0, 0), -1); });
+    expectFailure("createSkipList sectorSize is invalid \n", runtimeException,
+                  "sectorSize is invalid",
+                  [&] { EXPECT_EQ(createSkipList(env, nullptr, 1, 0), -2); });
+    destorySkipList(env, nullptr, 0);
+    const long long used = faults::sweptTotal();
+    EXPECT_EQ(init(env, nullptr, 16), 0);
+    const std::string message =
+        "JNI memory exceeds the set maximum. memMax: 16 old:" + std::to_string(used) + " used:32";
+    expectFailure("createSkipList bad_alloc, msg:" + message, outOfMemoryError, message,
+                  [&] { EXPECT_EQ(createSkipList(env, nullptr, 4, 512), -3); });
     // A class that is not found leaves the exception of its lookup.
-    java.missing = runtimeException;
-    expectFailure("m exception, msg:vector \n", "", "", [&] {
-        EXPECT_EQ(
-            guarded(env, texts, []() -> int { throw std::out_of_range("vector"); }, {1, 2, 3}), 2);
-    });
+    java.missing = outOfMemoryError;
+    expectFailure("createSkipList bad_alloc, msg:" + message, "", "",
+                  [&] { EXPECT_EQ(createSkipList(env, nullptr, 4, 512), -3); });
+    EXPECT_EQ(init(env, nullptr, noLimit), 0);
 }
 
-TEST_F(Native, InitSetsTheLimitAndTellsWhetherTheBufferClassIsComplete) {
-    Buff::m_jmethod_byte_buf_release = nullptr;
-    java.missing = "release()Z";
-    EXPECT_EQ(init(env, nullptr, 1000), -1);
-    EXPECT_EQ(MemoryStat::memMax, 1000);
+TEST_F(Native, FailuresOfBuffersAreWrittenWhereTheyHappen) {
+    map->insert(buffered(java, inFile(0, 10, 0)));
+    const jobject buffer = java.newBuffer(10);
+    const auto expectBoth = [&](const std::string& text, const std::string& method, const char* end,
+                                const std::function<void()>& call) {
+        expectFailure(text + " \n" + method + " exception, msg:" + text + end, runtimeException,
+                      text, call);
+    };
+    const auto insertBuffer = [&] {
+        insertWithBuff(env, nullptr, handle, 9, 9, 0, 1, 2, 3, buffer);
+    };
+    const std::string slice = "Buff::Buff JNI CallObjectMethod(byte_buf_retained_slice";
+    expectBoth(slice + ") failed", "insertWithBuff", " \n", [&] {
+        const Fault fault(Kind::javaCall, 1);
+        insertBuffer();
+    });
+    expectBoth(slice + "_params) failed", "insert", "", [&] {
+        const Fault fault(Kind::javaCall, 1);
+        insert(env, nullptr, handle, 5, 2, 0, 1, 2, 3);
+    });
+    forgetMethods();
+    expectBoth("Buff::~Buff JNI jmethod_byte_buf_release not initialized", "release", " \n",
+               [&] { EXPECT_EQ(release(env, nullptr, handle), 0); });
+    for (const char* missing :
+         {"io/netty/buffer/ByteBuf", "release()Z", "retainedSlice()Lio/netty/buffer/ByteBuf;",
+          "retainedSlice(II)Lio/netty/buffer/ByteBuf;"}) {
+        java.missing = missing;
+        java.localRefs = 0;  // a class that was found stays until the native method ends
+        EXPECT_EQ(init(env, nullptr, noLimit), -1);
+        EXPECT_EQ(Buff::m_jmethod_byte_buf_retained_slice, nullptr);
+        expectBoth("Buff::create JNIEnv initialize failed", "insertWithBuff", " \n", insertBuffer);
+    }
     java.missing.clear();
-    EXPECT_EQ(init(env, nullptr, std::numeric_limits<long long>::max()), 0);
+    java.localRefs = 0;
+    auto shared = Env::create(env);
+    const auto throws = [&](const std::string& text, const std::function<void()>& call) {
+        testing::internal::CaptureStderr();
+        EXPECT_THROW(call(), std::runtime_error);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "Buff::Buff JNI jmethod_" + text);
+    };
+    throws("byte_buf_retained_slice not initialized \n", [&] { Buff(shared, buffer); });
+    throws("byte_buf_retained_slice_params not initialized \n",
+           [&] { Buff(shared, buffer, 0, 1); });
+    EXPECT_TRUE(Buff::envInit(env));
+    const int lookups = java.lookups;
+    EXPECT_TRUE(Buff::envInit(env));
+    EXPECT_EQ(java.lookups, lookups);
+
+    const auto part = Buff::create(shared, buffer, 2, 5);
+    EXPECT_EQ(FakeJava::bufferOf(part->getBuff()).start, 2);
+    part->release();
+    part->release();
+    EXPECT_EQ(part->getBuff(), nullptr);
 }
 
 TEST_F(Native, OnlyChangingMethodsTakeOverTheCallersEnvironment) {
-    const auto refreshes = [this](const std::function<void(JNIEnv*)>& call) {
-        map().setJNIEnv(env);
-        call(java.otherEnv());
-        return map().env->jniEnv == java.otherEnv();
-    };
-    insertBuffered(0, 10);
+    map->insert(buffered(java, inFile(0, 10, 0)));
     const jobject buffer = java.newBuffer(10);
-    EXPECT_TRUE(refreshes([&](auto* e) { insert(e, nullptr, handle, 50, 1, 0, 0, 0, 0); }));
-    EXPECT_TRUE(refreshes(
-        [&](auto* e) { insertWithBuff(e, nullptr, handle, 60, 10, 0, 0, 0, 0, buffer); }));
-    EXPECT_TRUE(refreshes(
-        [&](auto* e) { compareAndSet(e, nullptr, handle, 50, 1, 0, 0, 0, 0, 5, 5, 5, 5); }));
-    EXPECT_TRUE(
-        refreshes([&](auto* e) { compareAndRelease(e, nullptr, handle, 60, 10, 0, 0, 0, 0); }));
-    EXPECT_EQ(java.lastReleaser, java.otherEnv());
-    EXPECT_TRUE(refreshes([&](auto* e) { release(e, nullptr, handle); }));
-    for (const auto& reader : std::vector<std::function<void(JNIEnv*)>>{
+    const auto refreshes = [&](const std::function<void(JNIEnv*)>& call) {
+        (*map)->setJNIEnv(env);
+        call(java.otherEnv());
+        return (*map)->env->jniEnv == java.otherEnv();
+    };
+    for (const auto& changing : std::vector<std::function<void(JNIEnv*)>>{
+             [&](JNIEnv* e) { insert(e, nullptr, handle, 50, 1, 0, 0, 0, 0); },
+             [&](JNIEnv* e) { insertWithBuff(e, nullptr, handle, 60, 10, 0, 0, 0, 0, buffer); },
+             [&](JNIEnv* e) { compareAndSet(e, nullptr, handle, 50, 1, 0, 0, 0, 0, 5, 5, 5, 5); },
+             [&](JNIEnv* e) { compareAndRelease(e, nullptr, handle, 60, 10, 0, 0, 0, 0); },
+             [&](JNIEnv* e) { release(e, nullptr, handle); }}) {
+        EXPECT_TRUE(refreshes(changing));
+    }
+    for (const auto& reading : std::vector<std::function<void(JNIEnv*)>>{
              [&](JNIEnv* e) { copySkipList(e, nullptr, handle, handle); },
              [&](JNIEnv* e) { getNodes(e, nullptr, handle, 0, 100); },
              [&](JNIEnv* e) { getAllNodes(e, nullptr, handle); },
              [&](JNIEnv* e) { getSize(e, nullptr, handle); }}) {
-        EXPECT_FALSE(refreshes(reader));
+        EXPECT_FALSE(refreshes(reading));
     }
-    insertBuffered(0, 10);
-    destorySkipList(java.otherEnv(), nullptr, handle);
+    map->insert(buffered(java, inFile(0, 10, 0)));
+    // A copied buffer is given back through the environment of its own map, as all are at its end.
+    const jlong copy = createSkipList(java.otherEnv(), nullptr, 4, 512);
+    copySkipList(env, nullptr, handle, copy);
+    EXPECT_EQ(release(java.env(), nullptr, handle), 10);
+    EXPECT_EQ(java.lastReleaser, java.env());
+    destorySkipList(java.otherEnv(), nullptr, copy);
     EXPECT_EQ(java.lastReleaser, java.otherEnv());
-    handle = 0;
 }
 
-TEST_F(Native, NodesAreWalkedAndReadThroughTheirHandles) {
-    insertBuffered(0, 100);
-    insert(env, nullptr, handle, 200, 100, 7, 8, 9, 4);
-    insertWithBuff(env, nullptr, handle, 400, 1, 0, 0, 0, 0, nullptr);
-    const jlong tail = reinterpret_cast<jlong>(map().tail.get());
-
-    getNodes(env, nullptr, handle, 100, 100);
-    EXPECT_EQ(java.array[0], java.array[1]);
-    getNodes(env, nullptr, handle, 50, 200);
-    const jlong first = java.array[0];
-    const jlong second = nextNode(env, nullptr, first);
-    const jlong third = nextNode(env, nullptr, second);
-    EXPECT_EQ(java.array[1], third);
-    getAllNodes(env, nullptr, handle);
-    EXPECT_EQ(java.array, (std::vector<jlong>{first, tail}));
-    EXPECT_EQ(nextNode(env, nullptr, third), tail);
-    EXPECT_EQ(nextNode(env, nullptr, tail), 0);
-    EXPECT_EQ(getNodeIndexOffset(env, nullptr, tail), std::numeric_limits<jlong>::max());
-
-    EXPECT_EQ(getNodeIndexOffset(env, nullptr, second), 200);
-    EXPECT_EQ(getNodeIndexLen(env, nullptr, second), 100);
-    EXPECT_EQ(getNodeFileType(env, nullptr, second), JNI_FALSE);
-    EXPECT_EQ(getNodeFileOffset(env, nullptr, second), 7);
-    EXPECT_EQ(getMajorVer(env, nullptr, second), 8);
-    EXPECT_EQ(getMinorVer(env, nullptr, second), 9);
-    EXPECT_EQ(getNodeFileNumber(env, nullptr, second), 4);
-    EXPECT_EQ(getNodeFileBuff(env, nullptr, second), nullptr);
-    EXPECT_EQ(getNodeFileNumber(env, nullptr, first), -1);
-    EXPECT_EQ(getNodeFileType(env, nullptr, first), JNI_TRUE);
-    EXPECT_EQ(getNodeFileType(env, nullptr, third), JNI_TRUE);
-    EXPECT_EQ(getNodeFileBuff(env, nullptr, third), nullptr);
-
-    const int refs = java.localRefs;
-    EXPECT_EQ(FakeJava::bufferOf(getNodeFileBuff(env, nullptr, first)).length, 100);
-    EXPECT_EQ(java.localRefs, refs + 1);
-    EXPECT_EQ(release(env, nullptr, handle), 100);
-    EXPECT_EQ(getNodeFileBuff(env, nullptr, first), nullptr);
-
-    EXPECT_EQ(getValidLen(env, nullptr, handle), 201);
-    EXPECT_EQ(getRawLen(env, nullptr, handle), 201);
-    EXPECT_EQ(getRawCount(env, nullptr, handle), 3);
-    EXPECT_EQ(getSize(env, nullptr, handle), 3);
-    java.failArray = true;
-    EXPECT_EQ(getAllNodes(env, nullptr, handle), nullptr);
-}
-
-TEST_F(Native, StatisticsAreSevenNumbersOfWhichTheLastIsSet) {
+TEST_F(Native, LimitAndStatisticsAreOfTheWholeProcess) {
+    EXPECT_EQ(tryTest(env, nullptr), 0);
+    EXPECT_EQ(init(env, nullptr, 1000), 0);
+    EXPECT_EQ(MemoryStat::memMax, 1000);
+    EXPECT_EQ(init(env, nullptr, noLimit), 0);
     MemoryStat::lastAccessTm = 0;
     getStats(env, nullptr);
     EXPECT_EQ(java.array, (std::vector<jlong>{0, 0, 0, 0, 0, 0, faults::chargedBytes()}));

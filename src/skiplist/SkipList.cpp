@@ -306,7 +306,8 @@ void SkipList::insertByReplacing(const ByteRange& range, FileLocation& location)
 }
 
 void SkipList::noteOrder(const ByteRange& range) {
-    if (range.getEnd() <= range.getOffset()) isOrdered = false;
+    // A negative length may end behind the start, too: it wraps where the device begins.
+    if (range.getLen() <= 0 || range.getEnd() <= range.getOffset()) isOrdered = false;
 }
 
 void SkipList::leadPathTo(long long key) {

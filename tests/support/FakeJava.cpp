@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdarg>
-#include <utility>
 
 #include "support/Faults.h"
 
@@ -11,9 +10,8 @@ namespace {
 // The identities of the methods: all that matters of an identifier is its address.
 int wholeMethod, partMethod, releaseMethod;
 
-template <typename Id>
-Id idOf(int& identity) {
-    return reinterpret_cast<Id>(&identity);
+jmethodID idOf(int& identity) {
+    return reinterpret_cast<jmethodID>(&identity);
 }
 
 FakeJava& javaOf(JNIEnv* env) {
@@ -21,6 +19,7 @@ FakeJava& javaOf(JNIEnv* env) {
 }
 
 jclass findClass(JNIEnv* env, const char* name) {
+    faults::throwIfDue();
     const faults::Pause pause;
     FakeJava& java = javaOf(env);
     ++java.lookups;
@@ -43,13 +42,13 @@ jmethodID getMethodId(JNIEnv* env, jclass, const char* name, const char* signatu
     const faults::Pause pause;
     const std::string method = std::string(name) + signature;
     if (javaOf(env).missing == method) return nullptr;
-    if (method == "retainedSlice()Lio/netty/buffer/ByteBuf;") return idOf<jmethodID>(wholeMethod);
-    if (method == "retainedSlice(II)Lio/netty/buffer/ByteBuf;") return idOf<jmethodID>(partMethod);
-    if (method == "release()Z") return idOf<jmethodID>(releaseMethod);
-    return nullptr;
+    if (method == "retainedSlice()Lio/netty/buffer/ByteBuf;") return idOf(wholeMethod);
+    if (method == "retainedSlice(II)Lio/netty/buffer/ByteBuf;") return idOf(partMethod);
+    return method == "release()Z" ? idOf(releaseMethod) : nullptr;
 }
 
 jobject release(JNIEnv* env, const FakeJava::ByteBuf& buffer) {
+    const faults::Pause pause;
     FakeJava& java = javaOf(env);
     java.lastReleaser = env;
     --buffer.memory->refCnt;
@@ -59,8 +58,8 @@ jobject release(JNIEnv* env, const FakeJava::ByteBuf& buffer) {
 }
 
 jobject slice(FakeJava& java, const FakeJava::ByteBuf& buffer, int index, int length) {
+    if (faults::isDue(faults::Kind::javaCall)) return nullptr;
     const faults::Pause pause;
-    if (java.failSliceAfter >= 0 && java.failSliceAfter-- == 0) return nullptr;
     if (index < 0 || length < 0 || index + length > buffer.length) return nullptr;
     ++buffer.memory->refCnt;
     ++java.localRefs;
@@ -69,47 +68,12 @@ jobject slice(FakeJava& java, const FakeJava::ByteBuf& buffer, int index, int le
 }
 
 jobject callObjectMethodV(JNIEnv* env, jobject object, jmethodID method, va_list arguments) {
+    faults::throwIfDue();
     const FakeJava::ByteBuf& buffer = FakeJava::bufferOf(object);
-    if (method == idOf<jmethodID>(releaseMethod)) return release(env, buffer);
-    if (method == idOf<jmethodID>(wholeMethod)) {
-        return slice(javaOf(env), buffer, 0, buffer.length);
-    }
+    if (method == idOf(releaseMethod)) return release(env, buffer);
+    if (method == idOf(wholeMethod)) return slice(javaOf(env), buffer, 0, buffer.length);
     const int index = va_arg(arguments, int);
-    const int length = va_arg(arguments, int);
-    return slice(javaOf(env), buffer, index, length);
-}
-
-jobject newGlobalRef(JNIEnv* env, jobject object) {
-    FakeJava& java = javaOf(env);
-    if (java.failGlobalRefAfter >= 0 && java.failGlobalRefAfter-- == 0) return nullptr;
-    ++java.globalRefs;
-    return object;
-}
-
-void deleteGlobalRef(JNIEnv* env, jobject) {
-    --javaOf(env).globalRefs;
-}
-
-jobject newLocalRef(JNIEnv* env, jobject object) {
-    ++javaOf(env).localRefs;
-    return object;
-}
-
-void deleteLocalRef(JNIEnv* env, jobject) {
-    --javaOf(env).localRefs;
-}
-
-jlongArray newLongArray(JNIEnv* env, jsize length) {
-    const faults::Pause pause;
-    FakeJava& java = javaOf(env);
-    if (java.failArray) return nullptr;
-    java.array.assign(static_cast<std::size_t>(length), 0);
-    return reinterpret_cast<jlongArray>(&java.array);
-}
-
-void setLongArrayRegion(JNIEnv*, jlongArray array, jsize start, jsize length, const jlong* from) {
-    auto& target = *reinterpret_cast<std::vector<jlong>*>(array);
-    std::copy(from, from + length, target.begin() + start);
+    return slice(javaOf(env), buffer, index, va_arg(arguments, int));
 }
 
 }  // namespace
@@ -119,12 +83,30 @@ FakeJava::FakeJava() : threads(2) {
     functions.ThrowNew = throwNew;
     functions.GetMethodID = getMethodId;
     functions.CallObjectMethodV = callObjectMethodV;
-    functions.NewGlobalRef = newGlobalRef;
-    functions.DeleteGlobalRef = deleteGlobalRef;
-    functions.NewLocalRef = newLocalRef;
-    functions.DeleteLocalRef = deleteLocalRef;
-    functions.NewLongArray = newLongArray;
-    functions.SetLongArrayRegion = setLongArrayRegion;
+    functions.NewGlobalRef = [](JNIEnv* env, jobject object) {
+        if (faults::isDue(faults::Kind::globalReference)) return jobject{};
+        ++javaOf(env).globalRefs;
+        return object;
+    };
+    functions.DeleteGlobalRef = [](JNIEnv* env, jobject) { --javaOf(env).globalRefs; };
+    functions.NewLocalRef = [](JNIEnv* env, jobject object) {
+        faults::throwIfDue();
+        ++javaOf(env).localRefs;
+        return object;
+    };
+    functions.DeleteLocalRef = [](JNIEnv* env, jobject) { --javaOf(env).localRefs; };
+    functions.NewLongArray = [](JNIEnv* env, jsize length) {
+        faults::throwIfDue();
+        if (faults::isDue(faults::Kind::javaCall)) return jlongArray{};
+        const faults::Pause pause;
+        javaOf(env).array.assign(static_cast<std::size_t>(length), 0);
+        return reinterpret_cast<jlongArray>(&javaOf(env).array);
+    };
+    functions.SetLongArrayRegion = [](JNIEnv*, jlongArray target, jsize start, jsize length,
+                                      const jlong* from) {
+        auto& values = *reinterpret_cast<std::vector<jlong>*>(target);
+        std::copy(from, from + length, values.begin() + start);
+    };
     for (Thread& thread : threads) {
         thread.functions = &functions;
         thread.java = this;
@@ -132,7 +114,6 @@ FakeJava::FakeJava() : threads(2) {
 }
 
 jobject FakeJava::newBuffer(int length) {
-    const faults::Pause pause;
     memories.emplace_back();
     buffers.push_back({&memories.back(), 0, length});
     return reinterpret_cast<jobject>(&buffers.back());
@@ -142,8 +123,4 @@ int FakeJava::retained() const {
     int sum = 0;
     for (const Memory& memory : memories) sum += memory.refCnt - 1;
     return sum;
-}
-
-std::vector<jlong> FakeJava::takeArray() {
-    return std::exchange(array, {});
 }

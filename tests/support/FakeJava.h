@@ -1,6 +1,6 @@
 // A stand-in for the JVM: a function table of the ten functions that the library may call, with
-// Netty-like buffers. It counts references, fails on demand and notes what it was asked. A call of
-// any other function is a null pointer and so ends the test.
+// Netty-like buffers. It counts references and notes what it was asked; what fails is chosen by
+// Faults.h. A call of any other function is a null pointer and so ends the test.
 #pragma once
 
 #include <jni.h>
@@ -38,7 +38,6 @@ class FakeJava {
 
     // The sum of the counts of all buffers beyond the one that each was made with.
     int retained() const;
-    std::vector<jlong> takeArray();
 
     // What there is, and what was done.
     int globalRefs = 0;
@@ -51,14 +50,8 @@ class FakeJava {
     std::deque<ByteBuf> buffers;
     std::vector<jlong> array;
 
-    // Runs whenever a buffer is given back.
-    std::function<void()> onRelease;
-
-    // What fails.
-    std::string missing;          // a class, or a method with its signature
-    int failSliceAfter = -1;      // that many slices succeed, the next returns null
-    int failGlobalRefAfter = -1;  // likewise
-    bool failArray = false;
+    std::string missing;              // a class, or a method with its signature
+    std::function<void()> onRelease;  // runs whenever a buffer is given back
 
   private:
     JNINativeInterface_ functions{};

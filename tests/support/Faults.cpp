@@ -3,9 +3,11 @@
 #include <cstdlib>
 #include <limits>
 #include <new>
+#include <stdexcept>
 #include <vector>
 
 #include "memory/Memorystatistics.h"
+#include "records/Buff.h"
 
 namespace {
 
@@ -15,12 +17,11 @@ thread_local int untilFault = 0;
 thread_local bool faultReached = false;
 
 void* allocate(std::size_t size) {
-    if (armed && --untilFault <= 0 &&
-        (untilFault == 0 || kindArmed == faults::Kind::allocationsFrom)) {
-        faultReached = true;
-        if (kindArmed != faults::Kind::charge) throw std::bad_alloc();
-        MemoryStat::setMaxMem(0);
-    }
+    using faults::Kind, faults::isDue;
+    faults::throwIfDue();
+    if (isDue(Kind::allocation) || isDue(Kind::allocationsFrom)) throw std::bad_alloc();
+    // Not between a handle's question for room and its charge, which would lose its reference.
+    if (size != sizeof(Buff) && isDue(Kind::charge)) MemoryStat::setMaxMem(0);
     if (void* const block = std::malloc(size == 0 ? 1 : size)) return block;
     throw std::bad_alloc();
 }
@@ -56,6 +57,7 @@ void operator delete[](void* block, std::size_t) noexcept {
 namespace faults {
 
 Fault::Fault(Kind kind, int n) {
+    if (kind == Kind::limit) MemoryStat::setMaxMem(sweptTotal() + n);
     kindArmed = kind;
     untilFault = n;
     faultReached = false;
@@ -69,6 +71,19 @@ Fault::~Fault() {
 
 bool Fault::reached() {
     return faultReached;
+}
+
+bool isDue(Kind kind) {
+    if (!armed || kind != kindArmed || --untilFault > 0) return false;
+    faultReached = true;
+    armed = kind == Kind::allocationsFrom;
+    return true;
+}
+
+void throwIfDue() {
+    if (isDue(Kind::badAlloc)) throw std::bad_alloc();
+    if (isDue(Kind::exception)) throw std::runtime_error("why");
+    if (isDue(Kind::unknown)) throw 1;
 }
 
 Pause::Pause() : wasArmed(armed) {
@@ -85,6 +100,11 @@ long long chargedBytes() {
     long long sum = MemoryStat::globalStats->count;
     for (const auto& record : records) sum += record->count;
     return sum;
+}
+
+long long sweptTotal() {
+    MemoryStat::lastAccessTm = 0;
+    return MemoryStat::getStatisInfo()[6];
 }
 
 }  // namespace faults

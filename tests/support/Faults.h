@@ -1,12 +1,22 @@
-// Makes the n-th allocation of the calling thread fail, or refuses the charge that follows it.
+// Makes the n-th step of some kind fail: an allocation of the calling thread, a charge, or what the
+// stand-in JVM is asked for.
 #pragma once
 
 namespace faults {
 
-enum class Kind { allocation, allocationsFrom, charge };
+enum class Kind {
+    allocation,       // the n-th throws std::bad_alloc
+    allocationsFrom,  // all from the n-th on do
+    charge,           // the memory limit is 0 from the n-th allocation on
+    limit,            // the memory limit leaves room for n bytes
+    javaCall,         // the n-th call that makes a slice or an array returns null
+    globalReference,  // the n-th cannot be made
+    badAlloc,         // the n-th allocation or call of Java throws std::bad_alloc,
+    exception,        // a std::runtime_error,
+    unknown,          // or a number
+};
 
-// While it lives, the n-th allocation (from 1) throws std::bad_alloc (`allocation`), all from the
-// n-th on do (`allocationsFrom`), or the memory limit is 0 from then on (`charge`).
+// The fault lasts while it lives.
 class Fault {
   public:
     Fault(Kind kind, int n);
@@ -14,11 +24,15 @@ class Fault {
     Fault(const Fault&) = delete;
     Fault& operator=(const Fault&) = delete;
 
-    // Whether the operation got as far as the n-th allocation.
+    // Whether the operation got as far as the n-th step.
     static bool reached();
 };
 
-// While it lives, this thread's allocations do not count: for what the JVM would do on its own.
+// For the places where something may fail: whether this is the step that does.
+bool isDue(Kind kind);
+void throwIfDue();
+
+// While it lives, this thread's steps do not count: for what the JVM would do on its own.
 class Pause {
   public:
     Pause();
@@ -32,5 +46,7 @@ class Pause {
 
 // Bytes charged and not yet credited, over all threads, whether swept or not.
 long long chargedBytes();
+// Those in use as of a sweep made now.
+long long sweptTotal();
 
 }  // namespace faults

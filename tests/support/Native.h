@@ -15,6 +15,7 @@ inline constexpr auto compareAndRelease =
     Java_stor_device_skiplist_JniSkipListNative_compareAndRelease;
 inline constexpr auto release = Java_stor_device_skiplist_JniSkipListNative_release;
 inline constexpr auto copySkipList = Java_stor_device_skiplist_JniSkipListNative_copySkipList;
+inline constexpr auto tryTest = Java_stor_device_skiplist_JniSkipListNative_tryTest;
 inline constexpr auto nextNode = Java_stor_device_skiplist_JniSkipListNative_nextNode;
 inline constexpr auto getNodeIndexOffset =
     Java_stor_device_skiplist_JniSkipListNative_getNodeIndexOffset;

@@ -1,30 +1,40 @@
-// A map with its stand-in JVM, and ways to fill it in one line.
+// A map as Java has it: made, changed and read by the native methods.
 #pragma once
 
 #include <functional>
-#include <memory>
 
 #include "skiplist/SkipList.h"
 #include "support/FakeJava.h"
 #include "support/MapModel.h"
 
-// A map made as Java would have it made, with a fixed seed.
 class TestMap {
   public:
-    explicit TestMap(FakeJava& java, int sectorSize = 512, int height = 4, JNIEnv* env = nullptr);
+    // Levels come from a fixed seed.
+    explicit TestMap(FakeJava& java, int sectorSize = 512, int height = 4, unsigned seed = 7);
+    ~TestMap();
+    TestMap(const TestMap&) = delete;
+    TestMap& operator=(const TestMap&) = delete;
 
-    SkipList* operator->() { return map.get(); }
-    SkipList& operator*() { return *map; }
+    SkipList* operator->() const { return &**this; }
+    SkipList& operator*() const { return *SkipList::getSkipList(handle, nullptr); }
 
+    // A range of memory type is stored with the buffer that it names, or with none.
     void insert(const Stored& range);
-    // As a memory-type range with a new buffer of its length; returns it as it is then stored.
-    Stored insertBuffered(Stored range);
     bool compareAndSet(const Stored& request, const Stored& target);
     long long compareAndRelease(const Stored& request);
+    long long release();
+    void copyTo(const TestMap& destination) const;
+
+    // What Java reads of the ranges that share a byte with the given one, and of all.
+    Ranges query(long long offset, int len) const;
+    Ranges all() const;
+    Snapshot counters() const;
 
     FakeJava& java;
-    std::shared_ptr<Env> env;
-    std::unique_ptr<SkipList> map;
+    long long handle;  // negative if no map could be made
+
+  private:
+    Ranges readRun() const;
 };
 
 // A range in a file, by its location.
@@ -32,6 +42,9 @@ inline Stored inFile(long long offset, int len, int fileOffset, int majorVer = 1
                      int number = 3) {
     return {offset, len, false, number, fileOffset, majorVer, minorVer};
 }
+
+// The same with a new buffer of its length.
+Stored buffered(FakeJava& java, Stored range);
 
 // While it lives, each node is an allocation of its own, or none is, whatever the build.
 class SlabSizes {
@@ -44,6 +57,3 @@ class SlabSizes {
   private:
     const bool before = BlockPool::slabsOfOne;
 };
-
-// Runs `body` on a thread with a 256 KiB stack.
-void onSmallStack(const std::function<void()>& body);
