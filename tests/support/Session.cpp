@@ -184,11 +184,13 @@ void Session::change(Pair& pair, Call call, Outcome outcome, bool charges) {
     }
 
     const Snapshot found = snapshotOf(**pair.map);
-    const MapModel before = pair.model;
-    const long long expected = outcome(pair.model, std::numeric_limits<std::size_t>::max());
     if (shape == Shape::wild) {
         pair.model.state = found;
-    } else if (failed) {
+        return;
+    }
+    const MapModel before = pair.model;
+    const long long expected = outcome(pair.model, std::numeric_limits<std::size_t>::max());
+    if (failed) {
         const Snapshot complete = pair.model.state;
         for (std::size_t done = 0; pair.model.state == complete || pair.model.state != found;) {
             pair.model = before;
