@@ -86,7 +86,7 @@ TEST_F(Native, FailuresBecomeTheLinesExceptionsAndValuesOfTheirMethods) {
         {"compareAndSet", true, " \n",
          [&] { return compareAndSet(env, nullptr, handle, 20, 9, 0, 1, 2, 3, 7, 7, 7, 7); }},
         {"compareAndRelease", true, " \n",
-         [&] { return compareAndRelease(env, nullptr, handle, 0, 9, 0, 1, 2, 3); }},
+         [&] { return compareAndRelease(env, nullptr, handle, 0, 10, 0, 1, 2, 3); }},
         {"release", false, " \n", [&] { return release(env, nullptr, handle); }},
         {"copySkipList", true, " \n",
          [&] { return copySkipList(env, nullptr, handle, handle), 0; }},

@@ -221,8 +221,7 @@ Stored MapModel::part(const Stored& source, long long start, long long end) cons
     Stored piece = source;
     piece.offset = start;
     piece.len = static_cast<int>(end - start);
-    piece.fileOffset =
-        static_cast<int>(piece.fileOffset + (skip + static_cast<long long>(skip) / sectorSize * 8));
+    piece.fileOffset = static_cast<int>(piece.fileOffset + 1LL * skip + skip / sectorSize * 8LL);
     if (piece.memory != nullptr) {
         piece.bufferStart += skip;
         piece.bufferLength = piece.len;

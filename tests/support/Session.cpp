@@ -41,7 +41,7 @@ Session::Session(std::vector<unsigned char> bytes)
       longestRange(span == 64 ? 12 : 3),
       slabSizes(below(2) == 0),
       pairs{Pair{nullptr, MapModel(sectorSize)}, Pair{nullptr, MapModel(sectorSize)}} {
-    if (shape == Shape::longest) base = std::min(base, 0LL);
+    if (shape == Shape::longest) base = -1LL << 31;
     for (Pair& pair : pairs) replace(pair);
     java.onRelease = [this] { wasWholeAtRelease &= shape != Shape::grid || isOrdered(); };
 }
