@@ -14,7 +14,8 @@ foreach(package IN ITEMS skiplist store replay)
 endforeach()
 add_jar(skiplist-java-tests
   SOURCES ${benchmarks} ${tests_of_skiplist} ${tests_of_store} ${tests_of_replay}
-  INCLUDE_JARS skiplist-native skiplist-store skiplist-replay ${netty} ${histogram} ${guava} ${junit_api})
+  INCLUDE_JARS skiplist-native skiplist-store skiplist-replay ${netty} ${histogram} ${gson}
+    ${guava} ${junit_api})
 
 # The manifest of the replay brings the native methods and Netty.
 set(libraries ${junit_api} ${junit_launcher} ${guava})

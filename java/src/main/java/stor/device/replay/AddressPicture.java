@@ -1,52 +1,58 @@
 package stor.device.replay;
 
-import java.awt.Color;
 import java.util.Arrays;
-import java.util.List;
-import java.util.Map;
-import java.util.TreeMap;
-import stor.device.skiplist.MappedRange;
+import java.util.function.Consumer;
+import stor.device.skiplist.OffHeapRangeMap.Visitor;
 
 /**
  * The address space of a device as rows of cells, each of them one stretch of bytes. What was never
- * written is left out, and holes are shortened. A cell shows the segment that has most of it.
+ * written is left out, and holes are shortened. A cell shows how old most of what it holds is: the
+ * segments fall into {@link #AGES} classes, as many segments in each.
  */
 final class AddressPicture {
-    static final int COLUMNS = 112;
+    static final int COLUMNS = 96;
+    static final int AGES = 6;
     static final int HOLE = -1;
-    private static final int MAX_CELLS = 24 * COLUMNS;
+    private static final int MAX_CELLS = 20 * COLUMNS;
     private static final int HOLE_SHARE = 50;
-    private static final Color HOLE_COLOUR = new Color(0xE4E4E4);
+    private static final int NUMBERS = 256;
 
+    private final int sectorSize;
     private final int[] cells;
+    private final long[] most;
     private final long cellBytes;
+    private final long longestHole;
+    private long live;
+    private long shown;
+    private long[] segments = new long[16];
+    private int segmentCount;
+    private long start;
 
-    AddressPicture(List<MappedRange> layout, int sectorSize) {
-        long live = layout.stream().filter(range -> number(range) != HOLE)
-                .mapToLong(MappedRange::len).sum();
-        long longestHole = Math.max(sectorSize, live / sectorSize / HOLE_SHARE * sectorSize);
-        long bytes = layout.stream().mapToLong(range -> shownBytes(range, longestHole)).sum();
-        long sectors = bytes / sectorSize;
-        cellBytes = Math.max(1, (sectors + MAX_CELLS - 1) / MAX_CELLS) * sectorSize;
-        cells = new int[(int) ((bytes + cellBytes - 1) / cellBytes)];
-        Arrays.fill(cells, HOLE);
-        long[] most = new long[cells.length];
-        long start = 0;
-        for (MappedRange range : layout) {
-            long end = start + shownBytes(range, longestHole);
-            for (long at = start; at < end;) {
-                int cell = (int) (at / cellBytes);
-                long next = Math.min(end, (cell + 1) * cellBytes);
-                if (next - at > most[cell]) {
-                    most[cell] = next - at;
-                    cells[cell] = number(range);
-                }
-                at = next;
+    /** Walks over a layout three times. */
+    AddressPicture(Consumer<Visitor> layout, int sectorSize) {
+        this.sectorSize = sectorSize;
+        layout.accept((offset, len, number, fileOffset, major, minor, range) -> {
+            if (!isHole(major, minor)) {
+                live += len;
+                addSegment(segment(number, major));
             }
-            start = end;
-        }
+        });
+        segments = Arrays.stream(segments, 0, segmentCount).distinct().sorted().toArray();
+        longestHole = Math.max(sectorSize, live / sectorSize / HOLE_SHARE * sectorSize);
+        layout.accept((offset, len, number, fileOffset, major, minor, range) ->
+                shown += shownBytes(len, isHole(major, minor)));
+        long sectors = shown / sectorSize;
+        cellBytes = Math.max(1, (sectors + MAX_CELLS - 1) / MAX_CELLS) * sectorSize;
+        cells = new int[(int) ((shown + cellBytes - 1) / cellBytes)];
+        most = new long[cells.length];
+        Arrays.fill(cells, HOLE);
+        layout.accept((offset, len, number, fileOffset, major, minor, range) -> {
+            boolean isHole = isHole(major, minor);
+            fill(shownBytes(len, isHole), isHole ? HOLE : age(segment(number, major)));
+        });
     }
 
+    /** Gives the age of each cell, 0 for the oldest, or {@link #HOLE}. */
     int[] cells() {
         return cells.clone();
     }
@@ -55,21 +61,54 @@ final class AddressPicture {
         return cellBytes;
     }
 
-    /** Gives a colour to every segment that is seen in any of the pictures, and to holes. */
-    static Map<Integer, Color> colours(List<AddressPicture> pictures) {
-        Map<Integer, Color> colours = new TreeMap<>();
-        colours.put(HOLE, HOLE_COLOUR);
-        pictures.stream().flatMapToInt(picture -> Arrays.stream(picture.cells)).distinct().sorted()
-                .filter(number -> number != HOLE)
-                .forEach(number -> colours.put(number, Charts.colour(colours.size())));
-        return colours;
+    /** Gives the bytes that are not holes. */
+    long liveBytes() {
+        return live;
     }
 
-    private static long shownBytes(MappedRange range, long longestHole) {
-        return number(range) == HOLE ? Math.min(range.len(), longestHole) : range.len();
+    int segments() {
+        return segments.length;
     }
 
-    private static int number(MappedRange range) {
-        return range.location().isUnversioned() ? HOLE : range.location().number();
+    private void addSegment(long segment) {
+        if (segmentCount > 0 && segments[segmentCount - 1] == segment) {
+            return;
+        }
+        if (segmentCount == segments.length) {
+            long[] known = Arrays.stream(segments).distinct().toArray();
+            segmentCount = known.length;
+            segments = Arrays.copyOf(known, 16 + 2 * known.length);
+        }
+        segments[segmentCount++] = segment;
+    }
+
+    private void fill(long bytes, int age) {
+        long end = start + bytes;
+        for (long at = start; at < end;) {
+            int cell = (int) (at / cellBytes);
+            long next = Math.min(end, (cell + 1) * cellBytes);
+            if (next - at > most[cell]) {
+                most[cell] = next - at;
+                cells[cell] = age;
+            }
+            at = next;
+        }
+        start = end;
+    }
+
+    private int age(long segment) {
+        return Arrays.binarySearch(segments, segment) * AGES / segments.length;
+    }
+
+    private long shownBytes(long bytes, boolean isHole) {
+        return isHole ? Math.min(bytes, longestHole) : bytes;
+    }
+
+    private static boolean isHole(int major, int minor) {
+        return major == -1 && minor == -1;
+    }
+
+    private static long segment(int number, int generation) {
+        return (long) generation * NUMBERS + number;
     }
 }

@@ -4,9 +4,7 @@ import java.awt.BasicStroke;
 import java.awt.Color;
 import java.awt.Font;
 import java.awt.geom.Rectangle2D;
-import java.util.List;
 import java.util.Locale;
-import java.util.Map;
 import org.jfree.chart.ChartFactory;
 import org.jfree.chart.JFreeChart;
 import org.jfree.chart.StandardChartTheme;
@@ -18,31 +16,32 @@ import org.jfree.chart.plot.CategoryPlot;
 import org.jfree.chart.plot.Plot;
 import org.jfree.chart.plot.PlotOrientation;
 import org.jfree.chart.plot.XYPlot;
-import org.jfree.chart.renderer.LookupPaintScale;
 import org.jfree.chart.renderer.category.LineAndShapeRenderer;
-import org.jfree.chart.renderer.xy.XYBlockRenderer;
 import org.jfree.data.category.CategoryDataset;
-import org.jfree.data.xy.DefaultXYZDataset;
 import org.jfree.data.xy.XYDataset;
 import org.jfree.svg.SVGGraphics2D;
 import org.jfree.svg.ViewBox;
 import org.jfree.ui.RectangleInsets;
 
-/** Draws the charts of the report, each as an SVG element that can stand in a page with others. */
+/**
+ * Draws the charts of the report, each as an SVG element that can stand in a page with others. The
+ * colours are the page's: each is drawn as a key, whose place its variable takes in the end.
+ */
 final class Charts {
-    private static final int WIDTH = 560;
-    private static final int HEIGHT = 300;
-    /** Can be told apart by the colour-blind, too. */
-    private static final List<Color> COLOURS = List.of(new Color(0x0072B2), new Color(0xD55E00),
-            new Color(0x009E73), new Color(0xCC79A7), new Color(0xE69F00), new Color(0x56B4E9));
-    private static final Color GRID = new Color(0xDDDDDD);
+    private static final int WIDTH = 430;
+    private static final int HEIGHT = 260;
+    private static final int MAX_SERIES = 6;
+    private static final Color TEXT = new Color(0x010101);
+    private static final Color GRID = new Color(0x020202);
+    private static final Color TRANSPARENT = new Color(0, 0, 0, 0);
     private static final StandardChartTheme THEME = theme();
+    private static final int CELL = 8;
 
     private int drawn;
 
-    /** Draws values over time. A value that is to be seen from 0 up. */
-    String overTime(String valueAxis, XYDataset values) {
-        JFreeChart chart = ChartFactory.createXYLineChart(null, "seconds", valueAxis, values,
+    /** Draws values over time, from 0 up; a value that is missing is a gap in its line. */
+    String overTime(String timeAxis, String valueAxis, boolean bytes, XYDataset values) {
+        JFreeChart chart = ChartFactory.createXYLineChart(null, timeAxis, valueAxis, values,
                 PlotOrientation.VERTICAL, true, false, false);
         THEME.apply(chart);
         XYPlot plot = chart.getXYPlot();
@@ -52,12 +51,12 @@ final class Charts {
         plot.getDomainAxis().setUpperMargin(0);
         NumberAxis axis = (NumberAxis) plot.getRangeAxis();
         axis.setAutoRangeIncludesZero(true);
-        axis.setNumberFormatOverride(Numbers.shortFormat());
+        axis.setNumberFormatOverride(ShortNumbers.format(bytes));
         for (int i = 0; i < values.getSeriesCount(); i++) {
-            plot.getRenderer().setSeriesPaint(i, COLOURS.get(i));
+            plot.getRenderer().setSeriesPaint(i, series(i));
             plot.getRenderer().setSeriesStroke(i, new BasicStroke(1.5f));
         }
-        return draw(chart, plot, WIDTH, HEIGHT, false);
+        return draw(chart, plot);
     }
 
     /** Draws values of very different sizes by category. */
@@ -70,87 +69,80 @@ final class Charts {
         axis.setBase(10);
         axis.setTickUnit(new NumberTickUnit(1));
         axis.setMinorTickMarksVisible(false);
-        axis.setNumberFormatOverride(Numbers.shortFormat());
+        axis.setNumberFormatOverride(ShortNumbers.format(false));
         axis.setLabelFont(plot.getRangeAxis().getLabelFont());
         axis.setTickLabelFont(plot.getRangeAxis().getTickLabelFont());
+        axis.setLabelPaint(TEXT);
+        axis.setTickLabelPaint(TEXT);
         plot.setRangeAxis(axis);
         plot.setRangeGridlinePaint(GRID);
         LineAndShapeRenderer renderer = (LineAndShapeRenderer) plot.getRenderer();
         renderer.setBaseShapesVisible(true);
         for (int i = 0; i < values.getRowCount(); i++) {
-            renderer.setSeriesPaint(i, COLOURS.get(i));
+            renderer.setSeriesPaint(i, series(i));
             renderer.setSeriesStroke(i, new BasicStroke(1.5f));
         }
-        return draw(chart, plot, WIDTH, HEIGHT, false);
+        return draw(chart, plot);
     }
 
-    /** Draws cells, row by row, in the colours that their numbers stand for. */
-    String cells(int[] cells, int columns, Map<Integer, Color> colours) {
+    /** Draws cells, row by row, as the page's colours {@code --cell-N} of their numbers. */
+    static String cells(int[] cells, int columns) {
         int rows = (cells.length + columns - 1) / columns;
-        double[][] xyz = new double[3][cells.length];
-        for (int i = 0; i < cells.length; i++) {
-            xyz[0][i] = i % columns;
-            xyz[1][i] = i / columns;
-            xyz[2][i] = cells[i];
+        StringBuilder svg = new StringBuilder(String.format(Locale.ROOT,
+                "<svg class=\"cells\" viewBox=\"0 0 %d %d\" shape-rendering=\"crispEdges\">",
+                columns * CELL, rows * CELL));
+        for (int from = 0; from < cells.length;) {
+            // Neighbours of one colour in a row are one rectangle.
+            int to = from + 1;
+            while (to < cells.length && to % columns != 0 && cells[to] == cells[from]) {
+                to++;
+            }
+            svg.append(String.format(Locale.ROOT, "<rect x=\"%d\" y=\"%d\" width=\"%d\" height=\"%d\""
+                    + " style=\"fill:var(--cell-%d)\"/>", from % columns * CELL,
+                    from / columns * CELL, (to - from) * CELL, CELL, cells[from] + 1));
+            from = to;
         }
-        DefaultXYZDataset dataset = new DefaultXYZDataset();
-        dataset.addSeries("cells", xyz);
-        XYBlockRenderer renderer = new XYBlockRenderer();
-        LookupPaintScale scale = new LookupPaintScale(-10, 1000, Color.WHITE);
-        colours.forEach((number, colour) -> scale.add(number - 0.5, colour));
-        renderer.setPaintScale(scale);
-        NumberAxis across = axis(columns);
-        NumberAxis down = axis(rows);
-        down.setInverted(true);
-        XYPlot plot = new XYPlot(dataset, across, down, renderer);
-        plot.setDomainGridlinesVisible(false);
-        plot.setRangeGridlinesVisible(false);
-        JFreeChart chart = new JFreeChart(null, JFreeChart.DEFAULT_TITLE_FONT, plot, false);
-        THEME.apply(chart);
-        return draw(chart, plot, 2 * WIDTH, 10 * rows + 8, true);
+        return svg.append("</svg>").toString();
     }
 
-    /** Gives the colour of the nth of many things. */
-    static Color colour(int n) {
-        // Steps of the golden ratio round the circle of hues: neighbours in number differ much.
-        float hue = (float) (n * 0.6180339887 % 1);
-        return Color.getHSBColor(hue, n % 2 == 0 ? 0.55f : 0.8f, n % 3 == 0 ? 0.9f : 0.75f);
-    }
-
-    private static NumberAxis axis(int cells) {
-        NumberAxis axis = new NumberAxis();
-        axis.setRange(-0.5, Math.max(1, cells) - 0.5);
-        axis.setVisible(false);
-        return axis;
+    private static Color series(int i) {
+        return new Color(0x030303 + 0x010101 * (i % MAX_SERIES));
     }
 
     private static StandardChartTheme theme() {
         StandardChartTheme theme = new StandardChartTheme("report");
-        Font font = new Font(Font.SANS_SERIF, Font.PLAIN, 11);
+        Font font = new Font(Font.SANS_SERIF, Font.PLAIN, 12);
         theme.setLargeFont(font);
         theme.setRegularFont(font);
         theme.setSmallFont(font);
-        theme.setPlotBackgroundPaint(Color.WHITE);
+        theme.setPlotBackgroundPaint(TRANSPARENT);
+        theme.setLegendBackgroundPaint(TRANSPARENT);
+        theme.setLegendItemPaint(TEXT);
+        theme.setAxisLabelPaint(TEXT);
+        theme.setTickLabelPaint(TEXT);
         theme.setShadowVisible(false);
         theme.setAxisOffset(RectangleInsets.ZERO_INSETS);
         return theme;
     }
 
-    private String draw(JFreeChart chart, Plot plot, int width, int height, boolean crisp) {
-        chart.setBackgroundPaint(Color.WHITE);
+    private String draw(JFreeChart chart, Plot plot) {
+        chart.setBackgroundPaint(null);
         plot.setOutlineVisible(false);
         if (chart.getLegend() != null) {
             chart.getLegend().setFrame(BlockBorder.NONE);
         }
-        SVGGraphics2D svg = new SVGGraphics2D(width, height);
+        SVGGraphics2D svg = new SVGGraphics2D(WIDTH, HEIGHT);
         // Names in one SVG element are seen by all elements of the page.
         drawn++;
         svg.setDefsKeyPrefix(String.format(Locale.ROOT, "chart%d-", drawn));
-        if (crisp) {
-            svg.setShapeRendering("crispEdges");
+        chart.draw(svg, new Rectangle2D.Double(0, 0, WIDTH, HEIGHT));
+        String text = svg.getSVGElement(null, true, new ViewBox(0, 0, WIDTH, HEIGHT), null, null)
+                .replace("rgb(1,1,1)", "var(--text)").replace("rgb(2,2,2)", "var(--grid)");
+        for (int i = 0; i < MAX_SERIES; i++) {
+            int key = series(i).getRed();
+            text = text.replace(String.format(Locale.ROOT, "rgb(%d,%d,%d)", key, key, key),
+                    "var(--series-" + i + ")");
         }
-        chart.draw(svg, new Rectangle2D.Double(0, 0, width, height));
-        return svg.getSVGElement(null, true, new ViewBox(0, 0, width, height), null,
-                null);
+        return text;
     }
 }

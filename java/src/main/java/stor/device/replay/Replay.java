@@ -2,107 +2,142 @@ package stor.device.replay;
 
 import io.netty.buffer.ByteBuf;
 import java.io.IOException;
+import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.concurrent.atomic.AtomicLong;
 import stor.device.replay.FlushFaults.InjectedFault;
 import stor.device.replay.Latencies.Operation;
-import stor.device.skiplist.MappedRange;
 import stor.device.store.BlockStore;
 import stor.device.store.Snapshot;
+import stor.device.store.StoreStats;
 
 /**
- * Serves the requests of a trace with a {@link BlockStore} and checks every byte that is read
- * against a {@link Mirror}. One thread makes the requests and takes the snapshots; a second one
- * flushes and a third one compacts.
+ * Serves the requests of a trace with a {@link BlockStore} and checks what is read against a {@link
+ * Mirror}. One thread makes the requests and takes the snapshots; a second one flushes and a third
+ * one compacts.
  *
- * <p>Every method throws a {@link Difference} if a byte is wrong.
+ * <p>Every method throws a {@link Difference} if a byte is wrong, and {@link StopSignal.Stopped}
+ * soon after a stop was requested.
  */
 final class Replay implements AutoCloseable {
+    /** Longer requests are served in pieces, so that none takes much memory. */
+    private static final int MAX_PIECE = 1 << 20;
+    private static final long MAX_DISCARD = 1 << 30;
+    /** Compaction starts by itself when files take so many times what is live. */
+    private static final int MAX_FILE_SHARE = 3;
+    private static final long SPARE_BYTES = 64 << 20;
+    private static final int LAST_COMPACTIONS = 64;
+
     private final ReplayOptions options;
+    private final StopSignal stop;
     private final int sectorSize;
     private final CountedBuffers buffers = new CountedBuffers();
     private final Latencies latencies = new Latencies();
-    private final Samples samples = new Samples();
     private final Mirror mirror;
+    private final Path storeFolder;
     private final BlockStore store;
-    private final Background flusher = new Background("flusher");
-    private final Background compactor = new Background("compactor");
+    private final StoreSamples samples;
+    private final BackgroundWorker flusher;
+    private final BackgroundWorker compactor;
     private final AtomicLong killedFlushes = new AtomicLong();
-    private final long[] requestsByKind = new long[TraceReader.Kind.values().length];
+    private final byte[] written = new byte[MAX_PIECE];
     private Snapshot snapshot;
-    private Mirror snapshotMirror;
-    private long requests;
+    private long nextSnapshot;
+    private volatile long requests;
+    private long writeId;
+    private long writtenBytes;
+    private long peakRecordBytes;
     private long checkedBytes;
     private long snapshots;
     private long snapshotsGivenUp;
+    private int readBacks;
 
-    Replay(ReplayOptions options, Path folder) {
+    /** Makes a store and all else in a folder, which has to be empty. */
+    Replay(ReplayOptions options, Path folder, StopSignal stop) throws IOException {
         this.options = options;
+        this.stop = stop;
         sectorSize = options.store().sectorSize();
-        mirror = new Mirror(sectorSize);
-        store = new BlockStore(folder, options.store());
-        store.onStep(new FlushFaults(options.failFlushEvery(), options.seed())::at);
+        nextSnapshot = options.snapshotEvery();
+        mirror = new Mirror(folder, sectorSize, options.seed(), options.sampled());
+        storeFolder = Files.createDirectory(folder.resolve("store"));
+        store = new BlockStore(storeFolder, options.store());
+        FlushFaults faults = new FlushFaults(options.failFlushEvery(), options.seed());
+        store.onStep(step -> {
+            stop.check();
+            faults.at(step);
+        });
+        flusher = new BackgroundWorker("flusher", options.foreground());
+        compactor = new BackgroundWorker("compactor", options.foreground());
+        samples = new StoreSamples(store::stats, () -> requests);
     }
 
     /** Serves one request and, when it is their turn, starts the work in the background. */
-    void serve(TraceReader.Request request) throws IOException {
-        requests++;
-        requestsByKind[request.kind().ordinal()]++;
-        long end = request.offset() + request.length();
+    void serve(Request request) throws IOException {
+        stop.check();
+        long end = request.end();
         switch (request.kind()) {
             case READ -> read(floor(request.offset()), ceil(end));
             case WRITE -> write(floor(request.offset()), ceil(end));
             case DISCARD -> discard(ceil(request.offset()), floor(end));
             default -> throw new AssertionError(request);
         }
+        requests++;
         if (requests % options.flushEvery() == 0) {
             flusher.start(this::flush);
         }
         if (requests % options.compactEvery() == 0) {
             compactor.start(this::compact);
         }
-        if (requests % options.snapshotEvery() == 0) {
+        if (requests % options.flushEvery() == 0 && options.compacts()) {
+            makeSpace();
+        }
+        if (requests >= nextSnapshot) {
             takeSnapshot();
         }
-        samples.update(requests, store::stats);
     }
 
-    /** Reads all back, compacts as far as that gets, and reads all back again. */
-    List<List<MappedRange>> checkAll() throws IOException {
+    /** Reads all back, compacts, and reads all back again; gives the layout before and after. */
+    List<AddressPicture> checkAll(Progress progress) throws IOException {
         settle();
-        readBack();
-        List<List<MappedRange>> layouts = new ArrayList<>();
-        layouts.add(store.layout());
-        while (compact() > 0) {
-            samples.update(requests, store::stats);
+        readBack(progress);
+        List<AddressPicture> pictures = new ArrayList<>(List.of(picture()));
+        if (options.compacts()) {
+            progress.begin("compacting", "rounds");
+            for (int round = 0; round < LAST_COMPACTIONS && compact() > 0; round++) {
+                stop.check();
+                progress.update(Double.NaN, round);
+            }
+            pictures.add(picture());
         }
-        layouts.add(store.layout());
-        readBack();
+        readBack(progress);
         closeSnapshot();
-        return layouts;
-    }
-
-    /** Waits for the work in the background and flushes. */
-    void settle() throws IOException {
-        flusher.await();
-        compactor.await();
-        while (flush() < 0) {
-            // Killed: what is left goes out with the next one.
-        }
+        return pictures;
     }
 
     /** Ends with the store; the buffers can be counted afterwards. */
     @Override
     public void close() throws IOException {
+        samples.close();
         flusher.close();
         compactor.close();
+        peakRecordBytes = store.stats().peaks().recordBytes();
         store.close();
+        mirror.close();
+        Files.deleteIfExists(storeFolder);
     }
 
     BlockStore store() {
         return store;
+    }
+
+    StoreStats stats() {
+        return store.stats();
+    }
+
+    Mirror mirror() {
+        return mirror;
     }
 
     CountedBuffers buffers() {
@@ -113,24 +148,31 @@ final class Replay implements AutoCloseable {
         return latencies;
     }
 
-    Samples samples() {
+    StoreSamples samples() {
         return samples;
     }
 
-    long liveSectors() {
-        return mirror.liveSectors();
+    /** Gives the most native memory, also after the end. */
+    long peakRecordBytes() {
+        return peakRecordBytes;
     }
 
     long requests() {
         return requests;
     }
 
-    long requests(TraceReader.Kind kind) {
-        return requestsByKind[kind.ordinal()];
+    /** Counts what was handed to the store, in whole sectors. */
+    long writtenBytes() {
+        return writtenBytes;
     }
 
     long checkedBytes() {
         return checkedBytes;
+    }
+
+    /** Counts how often the whole device was read back. */
+    int readBacks() {
+        return readBacks;
     }
 
     long killedFlushes() {
@@ -145,26 +187,31 @@ final class Replay implements AutoCloseable {
         return snapshotsGivenUp;
     }
 
+    // --- Requests --------------------------------------------------------------------------------
+
     private void read(long from, long to) throws IOException {
-        byte[] bytes = latencies.measure(
-                Operation.READ, () -> store.read(from, (int) (to - from)));
-        mirror.check("read", from, bytes);
-        checkedBytes += bytes.length;
+        for (long at = from; at < to; at += MAX_PIECE) {
+            long start = at;
+            int length = (int) Math.min(MAX_PIECE, to - at);
+            byte[] bytes = latencies.measure(Operation.READ, () -> store.read(start, length));
+            checkedBytes += mirror.check("read", start, bytes);
+        }
     }
 
     private void write(long from, long to) throws IOException {
-        int length = (int) (to - from);
-        // The seed is part of the id, so that two runs do not write the same bytes.
-        long writeId = options.seed() << Integer.SIZE ^ requests;
-        byte[] bytes = new byte[length];
-        Pattern.fill(bytes, 0, length, from, writeId);
-        ByteBuf buffer = buffers.allocator().buffer(length).writeBytes(bytes);
-        try {
-            write(from, buffer);
-        } finally {
-            buffer.release();
+        writeId++;
+        for (long at = from; at < to; at += MAX_PIECE) {
+            int length = (int) Math.min(MAX_PIECE, to - at);
+            Pattern.fill(written, 0, length, at, Mirror.patternOf(writeId, options.seed()));
+            ByteBuf buffer = buffers.allocator().buffer(length).writeBytes(written, 0, length);
+            try {
+                write(at, buffer);
+            } finally {
+                buffer.release();
+            }
+            mirror.write(at, length, writeId);
+            writtenBytes += length;
         }
-        mirror.set(from, length, writeId);
     }
 
     /** Writes, in spite of what stands against it: a killed flush, or the memory of a snapshot. */
@@ -189,12 +236,29 @@ final class Replay implements AutoCloseable {
     }
 
     private void discard(long from, long to) throws IOException {
-        if (from < to) {
+        if (from >= to) {
+            return;
+        }
+        for (long at = from; at < to; at += MAX_DISCARD) {
+            stop.check();
+            long start = at;
+            int length = (int) Math.min(MAX_DISCARD, to - at);
             latencies.measure(Operation.DISCARD, () -> {
-                store.discard(from, (int) (to - from));
+                store.discard(start, length);
                 return null;
             });
-            mirror.set(from, (int) (to - from), 0);
+        }
+        mirror.discard(from, to - from);
+    }
+
+    // --- Work beside them ------------------------------------------------------------------------
+
+    /** Waits for the work in the background and flushes. */
+    void settle() throws IOException {
+        flusher.await();
+        compactor.await();
+        while (flush() < 0) {
+            // Killed: what is left goes out with the next one.
         }
     }
 
@@ -212,15 +276,39 @@ final class Replay implements AutoCloseable {
         return latencies.measure(Operation.COMPACT, store::compact);
     }
 
+    /** Compacts when most of the files is dead, and waits for it when nearly all is. */
+    private void makeSpace() throws IOException {
+        long live = mirror.liveSectors() * sectorSize + SPARE_BYTES;
+        long files = store.stats().fileBytes();
+        if (files > MAX_FILE_SHARE * live) {
+            compactor.start(() -> compactTo(MAX_FILE_SHARE * live));
+        }
+        if (files > 2 * MAX_FILE_SHARE * live) {
+            compactor.await();
+        }
+    }
+
+    private long compactTo(long fileBytes) throws IOException {
+        long moved = compact();
+        while (moved > 0 && store.stats().fileBytes() > fileBytes) {
+            moved = compact();
+        }
+        return moved;
+    }
+
     /** Checks the last snapshot, which is as old as can be, and takes another. */
     private void takeSnapshot() throws IOException {
         if (snapshot != null) {
-            readBack("snapshot", snapshotMirror, snapshot::read);
+            // What has changed since, and as much again of what has not.
+            checkedBytes += mirror.checkSnapshot(
+                    snapshot::read, options.snapshotEvery(), (done, of) -> stop.check());
             closeSnapshot();
         }
+        // A copy costs as many steps as there are ranges: take it the less often the more they are.
+        nextSnapshot = requests + Math.max(options.snapshotEvery(), store.stats().fileRanges());
         try {
             snapshot = latencies.measure(Operation.SNAPSHOT, store::snapshot);
-            snapshotMirror = mirror.copy();
+            mirror.takeSnapshot();
             snapshots++;
         } catch (OutOfMemoryError e) {
             snapshotsGivenUp++;
@@ -234,24 +322,28 @@ final class Replay implements AutoCloseable {
         }
     }
 
-    private void readBack() throws IOException {
-        readBack("device", mirror, store::read);
+    // --- Reading back ----------------------------------------------------------------------------
+
+    private void readBack(Progress progress) throws IOException {
+        progress.begin("read back", "pages");
+        checkedBytes += mirror.checkAll(store::read, watched(progress));
         if (snapshot != null) {
-            readBack("snapshot", snapshotMirror, snapshot::read);
+            progress.begin("snapshot", "pages");
+            checkedBytes +=
+                    mirror.checkSnapshot(snapshot::read, Long.MAX_VALUE, watched(progress));
         }
+        readBacks++;
     }
 
-    /** Something to read. */
-    private interface Readable {
-        byte[] read(long offset, int length) throws IOException;
+    private Mirror.Watcher watched(Progress progress) {
+        return (pages, of) -> {
+            stop.check();
+            progress.update((double) pages / of, pages);
+        };
     }
 
-    private void readBack(String name, Mirror expected, Readable source) throws IOException {
-        int length = Mirror.PAGE_SECTORS * sectorSize;
-        for (long offset : expected.pageOffsets()) {
-            expected.check(name, offset, source.read(offset, length));
-            checkedBytes += length;
-        }
+    private AddressPicture picture() {
+        return new AddressPicture(store::forEachStored, sectorSize);
     }
 
     private long floor(long offset) {

@@ -1,81 +1,133 @@
 package stor.device.replay;
 
-import java.io.BufferedInputStream;
-import java.io.BufferedReader;
+import java.io.FileDescriptor;
 import java.io.FileInputStream;
+import java.io.FileNotFoundException;
 import java.io.IOException;
 import java.io.InputStream;
-import java.io.InputStreamReader;
-import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.zip.GZIPInputStream;
+import java.util.HashMap;
+import java.util.Map;
+import java.util.Set;
+import java.util.TreeSet;
 
 /**
- * Reads a block trace, plain or compressed with gzip, in one of the formats of {@link TraceFormat}.
- * Both are told by the contents: compression by its magic number, the format by the first line that
- * is no comment. A comment begins with {@code #}.
+ * Reads a block trace in one pass, in one of the formats of {@link TraceFormat}, and gives those of
+ * its requests that are asked for. Comments begin with {@code #}. Where a trace has several
+ * devices, each gets a part of one large device, in the order in which they come up.
  */
 final class TraceReader implements AutoCloseable {
-    private static final int BUFFER_BYTES = 1 << 13;
-    private static final int GZIP_MAGIC = 0x1f8b;
+    /** Standard input in the place of a path. */
+    static final Path STANDARD_INPUT = Path.of("-");
+    private static final int MAX_DEVICES = 1 << 16;
+    private static final int SHOWN_DEVICES = 10;
 
     private final Path path;
-    private final FileInputStream file;
-    private final BufferedReader lines;
+    private final Selection selection;
+    private final LineReader lines;
+    private final long size;
+    private final Map<String, Integer> devices = new HashMap<>();
+    private final Set<String> otherDevices = new TreeSet<>();
     private TraceFormat format;
-    private long lineNumber;
+    private String header;
+    private boolean started;
+    private long start;
+    private long lastMicros;
+    private volatile long badLines;
 
-    /** What a request does to its range. */
-    enum Kind {
-        READ,
-        WRITE,
-        DISCARD
-    }
-
-    /** One request: a range in bytes. */
-    record Request(Kind kind, long offset, int length) {
-        @Override
-        public String toString() {
-            return kind + " of " + length + " bytes at " + offset;
-        }
+    /**
+     * Which requests of a trace are wanted.
+     *
+     * @param format the name of the format, or null to have it found out
+     * @param action the action of {@code blkparse} that counts
+     * @param device the one device, or null for all
+     * @param fromMicros where the window begins, from the first request of the trace on
+     * @param toMicros where it ends, itself not in the window
+     * @param skipBad whether lines that make no sense are counted instead of refused
+     */
+    record Selection(String format, char action, String device, long fromMicros, long toMicros,
+            boolean skipBad) {
+        static final Selection ALL = new Selection(null, 'Q', null, 0, Long.MAX_VALUE, false);
     }
 
     TraceReader(Path path) throws IOException {
+        this(path, Selection.ALL);
+    }
+
+    TraceReader(Path path, Selection selection) throws IOException {
         this.path = path;
-        file = new FileInputStream(path.toFile());
+        this.selection = selection;
+        if (selection.format != null) {
+            TraceFormat.named(selection.format, null, selection.action);
+        }
+        size = Files.isRegularFile(path) ? Files.size(path) : 0;
+        InputStream file = open(path);
         try {
-            lines = new BufferedReader(
-                    new InputStreamReader(unpack(file), StandardCharsets.US_ASCII));
+            lines = new LineReader(file);
         } catch (IOException e) {
             file.close();
             throw new IOException(path + ": " + e.getMessage(), e);
         }
     }
 
-    /** Reads the next request, or null at the end of the trace. */
+    /** Reads the next request, or gives null at the end of the trace. */
     Request next() throws IOException {
-        try {
-            String line;
-            do {
-                line = lines.readLine();
-                lineNumber++;
-            } while (line != null && line.startsWith("#"));
-            if (line == null) {
-                return null;
+        while (true) {
+            TraceFormat.Entry entry;
+            try {
+                String line = lines.next();
+                if (line == null) {
+                    return null;
+                }
+                line = line.strip();
+                if (line.isEmpty() || line.startsWith("#") || isHeader(line)) {
+                    continue;
+                }
+                entry = parse(line);
+            } catch (IOException e) {
+                throw failure(e, "");
+            } catch (IllegalArgumentException e) {
+                if (!selection.skipBad) {
+                    throw failure(e, "; --skip-bad goes on without such lines");
+                }
+                badLines++;
+                continue;
             }
-            if (format == null) {
-                format = TraceFormat.of(line);
+            Request request = entry == null ? null : select(entry);
+            if (request != null) {
+                return request;
             }
-            return format.parse(line);
-        } catch (IOException | IllegalArgumentException e) {
-            throw new IOException(path + ":" + lineNumber + ": " + e.getMessage(), e);
         }
     }
 
-    /** Tells how much of the file has been read, between 0 and 1. */
-    double fractionRead() throws IOException {
-        long size = file.getChannel().size();
-        return size == 0 ? 1 : (double) file.getChannel().position() / size;
+    /** Tells how much of the file has been read, between 0 and 1; NaN if nobody can know. */
+    double fractionRead() {
+        return size == 0 ? Double.NaN : (double) lines.bytesTaken() / size;
+    }
+
+    /** Counts the lines that were skipped because they make no sense. */
+    long badLines() {
+        return badLines;
+    }
+
+    /** Counts the devices that the requests went to. */
+    int devices() {
+        return devices.size();
+    }
+
+    /** Says why there was no request at all. */
+    String whyNone() {
+        if (!started) {
+            return badLines > 0 ? "none of its " + badLines + " lines makes sense"
+                    : "no request in it" + (format == null ? "" : format.hint());
+        }
+        if (devices.isEmpty() && !otherDevices.isEmpty()) {
+            return "no request for device '" + selection.device + "' (expected: "
+                    + String.join(", ", otherDevices) + (otherDevices.size() < SHOWN_DEVICES
+                            ? ")" : " or another)");
+        }
+        return "no request in the window; the trace lasts " + lastMicros / 1e6 + " seconds";
     }
 
     @Override
@@ -83,11 +135,77 @@ final class TraceReader implements AutoCloseable {
         lines.close();
     }
 
-    private static InputStream unpack(InputStream file) throws IOException {
-        BufferedInputStream bytes = new BufferedInputStream(file, BUFFER_BYTES);
-        bytes.mark(2);
-        int magic = bytes.read() << Byte.SIZE | bytes.read();
-        bytes.reset();
-        return magic == GZIP_MAGIC ? new GZIPInputStream(bytes, BUFFER_BYTES) : bytes;
+    private static InputStream open(Path path) throws IOException {
+        if (path.equals(STANDARD_INPUT)) {
+            return new FileInputStream(FileDescriptor.in);
+        }
+        if (Files.isDirectory(path)) {
+            throw new IOException(path + ": is a folder (expected: a trace)");
+        }
+        try {
+            // Not Files.newInputStream, which seeks where it reads from a pipe.
+            return new FileInputStream(path.toFile());
+        } catch (FileNotFoundException e) {
+            // Its message has the path and the system's reason.
+            throw new IOException(e.getMessage(), e);
+        }
+    }
+
+    private boolean isHeader(String line) {
+        if (format == null && header == null && TraceFormat.isHeader(line)) {
+            header = line;
+            return true;
+        }
+        return false;
+    }
+
+    private TraceFormat.Entry parse(String line) {
+        if (format == null) {
+            format = selection.format == null
+                    ? TraceFormat.of(line, header, selection.action)
+                    : TraceFormat.named(selection.format, header, selection.action);
+        }
+        return format.parse(line);
+    }
+
+    /** Gives the request with its place on the large device, or null if it is not wanted. */
+    private Request select(TraceFormat.Entry entry) throws IOException {
+        Request request = entry.request();
+        if (!started) {
+            started = true;
+            start = request.micros();
+        }
+        if (selection.device != null && !entry.device().equals(selection.device)) {
+            if (otherDevices.size() < SHOWN_DEVICES) {
+                otherDevices.add(entry.device());
+            }
+            return null;
+        }
+        long micros = request.micros() - start;
+        lastMicros = Math.max(lastMicros, micros);
+        if (micros < selection.fromMicros || micros >= selection.toMicros) {
+            return null;
+        }
+        return new Request(request.kind(), place(entry.device()) * TraceFormat.MAX_DEVICE_BYTES + request.offset(),
+                request.length(), micros);
+    }
+
+    private int place(String device) throws IOException {
+        Integer place = devices.get(device);
+        if (place == null) {
+            place = devices.size();
+            if (place == MAX_DEVICES) {
+                throw failure(new IllegalArgumentException("device: '"
+                        + TraceFormat.shown(device) + "' (expected: at most "
+                        + MAX_DEVICES + " devices)"), "; --device names one");
+            }
+            devices.put(device, place);
+        }
+        return place;
+    }
+
+    private IOException failure(Exception reason, String hint) {
+        return new IOException(
+                path + ":" + lines.lineNumber() + ": " + reason.getMessage() + hint, reason);
     }
 }

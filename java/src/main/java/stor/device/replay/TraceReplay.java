@@ -5,33 +5,41 @@ import java.io.PrintStream;
 import java.nio.file.DirectoryStream;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.ArrayList;
 import java.util.List;
 import java.util.Locale;
-import org.HdrHistogram.Histogram;
-import stor.device.replay.Latencies.Operation;
-import stor.device.skiplist.MappedRange;
+import stor.device.replay.Figures.Figure;
+import stor.device.replay.Figures.Section;
 import stor.device.skiplist.NativeMemory;
-import stor.device.store.StoreStats;
 
-/** The main program: replays a trace, checks every byte, and reports. */
+/** The main program: replays a trace, checks what is read, and says what such a load needs. */
 public final class TraceReplay {
     private static final int RIGHT = 0;
     private static final int WRONG = 1;
     private static final int UNUSABLE = 2;
     private static final int STOPPED = 130;
 
-    private static final int PROGRESS_REQUESTS = 256;
+    private static final int PROGRESS_REQUESTS = 64;
 
     private final ReplayOptions options;
     private final PrintStream out;
+    private final PrintStream err;
     private final StopSignal stop;
-    private TraceReader.Request request;
+    private final Progress progress;
+    private final TraceLoad load = new TraceLoad();
+    private List<AddressPicture> pictures = List.of();
+    private Request request;
     private long requestNumber;
+    private long badLines;
+    private int devices;
+    private String failure = "";
 
-    private TraceReplay(ReplayOptions options, PrintStream out, StopSignal stop) {
+    private TraceReplay(ReplayOptions options, PrintStream out, PrintStream err, StopSignal stop) {
         this.options = options;
         this.out = out;
+        this.err = err;
         this.stop = stop;
+        progress = new Progress(out, System.console() != null);
     }
 
     /**
@@ -56,165 +64,290 @@ public final class TraceReplay {
      * @return the exit status
      */
     public static int run(String[] args, PrintStream out, PrintStream err) {
-        ReplayOptions options;
-        try {
-            options = ReplayOptions.parse(args);
-        } catch (IllegalArgumentException e) {
-            err.println("replay: " + e.getMessage());
-            err.print(ReplayOptions.USAGE);
-            return UNUSABLE;
-        }
-        if (options.help()) {
-            out.print(ReplayOptions.USAGE);
-            return RIGHT;
-        }
         try (StopSignal stop = new StopSignal()) {
-            return new TraceReplay(options, out, stop).run(err);
+            return run(args, out, err, stop);
         }
     }
 
-    private int run(PrintStream err) {
+    /** The same with a given signal, which may come from a test. */
+    static int run(String[] args, PrintStream out, PrintStream err, StopSignal stop) {
         try {
-            replay();
-            return stop.isRequested() ? STOPPED : RIGHT;
-        } catch (IOException | LinkageError e) {
+            ReplayOptions options = ReplayOptions.parse(args);
+            if (options.help()) {
+                out.print(ReplayOptions.usage());
+                return RIGHT;
+            }
+            if (!options.compared().isEmpty()) {
+                out.print(Figures.compare(options.compared().get(0), options.compared().get(1)));
+                return RIGHT;
+            }
+            return new TraceReplay(options, out, err, stop).run();
+        } catch (IllegalArgumentException e) {
             err.println("replay: " + e.getMessage());
-            return UNUSABLE;
-        } catch (OutOfMemoryError e) {
-            err.printf("replay: request %d, %s: %s%n", requestNumber, request, e.getMessage());
+            err.println("replay: --help lists the options");
+        } catch (IOException | LinkageError e) {
+            err.println("replay: " + reason(e));
+        } catch (StopSignal.Stopped e) {
+            err.println("replay: stopped before the first request");
+            return STOPPED;
+        }
+        return UNUSABLE;
+    }
+
+    // --- The course of a run ---------------------------------------------------------------------
+
+    private int run() throws IOException {
+        List<OutputFile> outputs = checkOutputs();
+        checkTrace();
+        try (RequestStream first = openTrace()) {
+            // Before anything is made: a trace that cannot be read leaves nothing behind.
+            request = first.next();
+            Path folder = makeFolder();
+            try {
+                return replayIn(folder, first, outputs);
+            } finally {
+                progress.finish();
+                delete(folder);
+            }
+        }
+    }
+
+    private int replayIn(Path folder, RequestStream first, List<OutputFile> outputs)
+            throws IOException {
+        int status;
+        Figures figures;
+        Replay replay = new Replay(options, folder, stop);
+        try (replay) {
+            long start = System.nanoTime();
+            status = work(replay, first);
+            double seconds = (System.nanoTime() - start) / 1e9;
+            figures = new RunFigures(options, load, replay).all(
+                    verdict(replay), seconds, badLines, devices);
+            progress.finish();
+        }
+        if (status == RIGHT) {
+            status = checkNothingLeft(replay);
+        }
+        summarise(figures, replay);
+        outputs.get(0).write(
+                new Report(options, load, replay, figures, pictures).html());
+        print("%-10s %s", "report", options.report());
+        if (options.json() != null) {
+            outputs.get(1).write(figures.json());
+            print("%-10s %s", "figures", options.json());
+        }
+        return status;
+    }
+
+    /** Does all the work, as far as that gets; gives the exit status. */
+    private int work(Replay replay, RequestStream first) {
+        try {
+            replayAll(replay, first);
+            pictures = replay.checkAll(progress);
+            return RIGHT;
+        } catch (StopSignal.Stopped e) {
+            failure = "Stopped on request after " + count(replay.requests()) + ".";
+            return STOPPED;
+        } catch (IOException | OutOfMemoryError e) {
+            failure = "Ended after " + count(replay.requests()) + ": " + reason(e)
+                    + advice(e);
+            progress.finish();
+            err.println("replay: " + failure);
             return UNUSABLE;
         } catch (RuntimeException e) {
-            err.printf("replay: seed %d, request %d, %s:%n", options.seed(), requestNumber,
-                    request);
-            err.println(e instanceof Difference ? e.getMessage() : e.toString());
+            failure = String.format(Locale.ROOT, "Seed %d, request %d, %s: %s", options.seed(),
+                    requestNumber, request,
+                    e instanceof Difference ? e.getMessage() : e.toString());
+            progress.finish();
+            err.println("replay: " + failure);
             return WRONG;
         }
     }
 
-    private void replay() throws IOException {
-        // Opened first: a trace that cannot be read leaves nothing behind.
-        new TraceReader(options.trace()).close();
-        Path folder = Files.createTempDirectory(options.folder(), "block-store-");
+    private void replayAll(Replay replay, RequestStream first) throws IOException {
+        progress.begin("replay", "requests");
         try {
-            Replay replay = new Replay(options, folder);
-            try (replay) {
-                replay(replay);
-            }
-            checkNothingLeft(replay);
+            replayOnce(replay, first, 0);
         } finally {
-            delete(folder);
+            badLines = first.badLines();
+            devices = first.devices();
+        }
+        for (int pass = 1; pass < options.repeat(); pass++) {
+            try (RequestStream again = openTrace()) {
+                request = again.next();
+                replayOnce(replay, again, pass);
+            }
         }
     }
 
-    private void replay(Replay replay) throws IOException {
-        long start = System.nanoTime();
-        replayAll(replay);
-        double seconds = (System.nanoTime() - start) / 1e9;
-        List<List<MappedRange>> layouts = List.of();
-        if (stop.isRequested()) {
-            replay.settle();
-        } else {
-            layouts = replay.checkAll();
+    /** Replays a trace whose first request has been read. */
+    private void replayOnce(Replay replay, RequestStream trace, int pass) throws IOException {
+        for (; request != null && requestNumber < options.requests(); request = trace.next()) {
+            requestNumber++;
+            replay.serve(request);
+            if (pass == 0) {
+                load.add(request);
+            }
+            if (requestNumber % PROGRESS_REQUESTS == 0) {
+                progress.update(fraction(trace, pass), requestNumber);
+            }
         }
-        Needs needs = new Needs(replay, seconds);
-        summarise(replay, needs);
-        new Report(options, replay, needs, verdict(replay)).write(options.report(), layouts);
-        print("report    %s", options.report());
     }
 
-    private void replayAll(Replay replay) throws IOException {
-        Progress progress = new Progress(out, System.console() != null);
+    private double fraction(RequestStream trace, int pass) {
+        double ofRequests = options.requests() == Long.MAX_VALUE ? Double.NaN
+                : (double) requestNumber / options.requests();
+        double ofTrace = (pass + trace.fractionRead()) / options.repeat();
+        return Double.isNaN(ofRequests) ? ofTrace
+                : Double.isNaN(ofTrace) ? ofRequests : Math.max(ofRequests, ofTrace);
+    }
+
+    // --- Before it -------------------------------------------------------------------------------
+
+    private RequestStream openTrace() {
+        return new RequestStream(options.trace(), options.selection(), stop);
+    }
+
+    private List<OutputFile> checkOutputs() throws IOException {
+        List<OutputFile> outputs = new ArrayList<>();
+        outputs.add(new OutputFile("--report", options.report(), Report.MARK));
+        if (options.json() != null) {
+            outputs.add(new OutputFile("--json", options.json(), Figures.MARK));
+            if (options.json().toAbsolutePath().normalize().equals(
+                    options.report().toAbsolutePath().normalize())) {
+                throw new IOException("--json: " + options.json()
+                        + ": is the report (expected: another file)");
+            }
+        }
+        for (OutputFile output : outputs) {
+            output.check();
+        }
+        return outputs;
+    }
+
+    private void checkTrace() throws IOException {
+        if (options.repeat() > 1 && !Files.isRegularFile(options.trace())) {
+            throw new IOException("--repeat: " + options.repeat() + " (expected: 1 for "
+                    + options.trace() + ", which can be read once only)");
+        }
+    }
+
+    private Path makeFolder() throws IOException {
+        if (!Files.isDirectory(options.folder())) {
+            throw new IOException("--folder: " + options.folder() + ": no such folder");
+        }
         try {
-            for (int pass = 0; pass < options.repeat(); pass++) {
-                replayOnce(replay, progress, pass);
-            }
-        } finally {
-            progress.finish();
+            return Files.createTempDirectory(options.folder(), "block-store-");
+        } catch (IOException e) {
+            throw new IOException("--folder: " + options.folder() + ": takes no files ("
+                    + reason(e) + ")", e);
         }
     }
 
-    private void replayOnce(Replay replay, Progress progress, int pass) throws IOException {
-        try (TraceReader trace = new TraceReader(options.trace())) {
-            while (!stop.isRequested() && requestNumber < options.requests()
-                    && (request = trace.next()) != null) {
-                requestNumber++;
-                replay.serve(request);
-                if (requestNumber % PROGRESS_REQUESTS == 0) {
-                    StoreStats stats = replay.store().stats();
-                    double fraction = Math.max((double) requestNumber / options.requests(),
-                            (pass + trace.fractionRead()) / options.repeat());
-                    progress.update(fraction, requestNumber,
-                            stats.memoryRanges() + " + " + stats.fileRanges() + " ranges");
-                }
+    // --- After it --------------------------------------------------------------------------------
+
+    /** Shows that all buffers and all native memory have been given back. */
+    private int checkNothingLeft(Replay replay) {
+        long closed = System.nanoTime();
+        try {
+            Difference.check("buffers in use", replay.buffers().inUse(), 0L);
+            // Only a sweep that comes after the end of the maps can tell.
+            long bytes = NativeMemory.bytesInUse();
+            while (NativeMemory.millisSinceSweep() >= (System.nanoTime() - closed) / 1_000_000) {
+                stop.check();
+                Thread.sleep(100);
+                bytes = NativeMemory.bytesInUse();
             }
+            Difference.check("native bytes in use after the maps are gone", bytes, 0L);
+            return RIGHT;
+        } catch (Difference e) {
+            err.println("replay: " + e.getMessage());
+            return WRONG;
+        } catch (StopSignal.Stopped e) {
+            return STOPPED;
+        } catch (InterruptedException e) {
+            throw new IllegalStateException("interrupted", e);
         }
     }
 
     private String verdict(Replay replay) {
-        return String.format(Locale.ROOT, "%,d bytes were read, every one of them right. %s",
-                replay.checkedBytes(), stop.isRequested()
-                        ? "Stopped on request: the device was not read back."
-                        : "The whole device was read back twice.");
+        String checked = String.format(Locale.ROOT, "%,d bytes were read back and compared%s",
+                replay.checkedBytes(), options.sampled()
+                        ? ", a sample of one page in " + Mirror.SAMPLE : "");
+        if (!failure.isEmpty()) {
+            return checked + ". " + failure;
+        }
+        return checked + ", every one of them right; the whole "
+                + (options.sampled() ? "sample" : "device") + " was read back "
+                + (replay.readBacks() == 2 ? "twice." : replay.readBacks() + " times.");
     }
 
-    private void summarise(Replay replay, Needs needs) {
-        StoreStats stats = replay.store().stats();
-        print("trace     %s: %,d requests: %,d W, %,d R, %,d D; seed %d",
-                options.trace(), replay.requests(), replay.requests(TraceReader.Kind.WRITE),
-                replay.requests(TraceReader.Kind.READ), replay.requests(TraceReader.Kind.DISCARD),
-                options.seed());
-        print("checked   %s", verdict(replay));
-        print("work      %,d flushes (%,d killed) wrote %,d bytes; %,d compactions moved %,d bytes"
-                        + " and freed %d segments; %d snapshots (%d given up)",
-                stats.flushes(), replay.killedFlushes(), stats.flushedBytes(),
-                replay.latencies().of(Operation.COMPACT).getTotalCount(), stats.movedBytes(),
-                stats.freedSegments(), replay.snapshots(), replay.snapshotsGivenUp());
-        for (Operation operation : Operation.values()) {
-            summarise(operation, replay.latencies().of(operation));
+    private void summarise(Figures figures, Replay replay) {
+        print("%-10s %s", "trace", options.trace());
+        print("%-10s %s", "load", RunFigures.mix(load));
+        for (Section section : figures.sections()) {
+            if (section.key().equals(RunFigures.RUN)) {
+                print("%-10s %s", "checked", section.text("result"));
+                continue;
+            }
+            if (section.key().endsWith("Latency")) {
+                print("  %-10s %s", section.title(), latencies(section));
+                continue;
+            }
+            print("%s", section.title());
+            for (Figure figure : section.figures()) {
+                print("  %-34s %s%s", figure.label(), figure.text(),
+                        figure.note().isEmpty() ? "" : "  (" + figure.note() + ")");
+            }
         }
-        needs.table().forEach((name, answer) -> print("%-9s %s", name, answer));
+        print("%-10s %d of %,d in use at the end", "buffers", replay.buffers().inUse(),
+                replay.buffers().allocated());
     }
 
-    private void summarise(Operation operation, Histogram nanos) {
-        print("  %-9s %8d; us: mean %.1f, median %.1f, 99%% %.1f, 99.9%% %.1f, max %.1f",
-                operation, nanos.getTotalCount(), nanos.getMean() / 1e3,
-                nanos.getValueAtPercentile(50) / 1e3, nanos.getValueAtPercentile(99) / 1e3,
-                nanos.getValueAtPercentile(99.9) / 1e3, nanos.getMaxValue() / 1e3);
-    }
-
-    /** Shows that all buffers and all native memory have been given back. */
-    private void checkNothingLeft(Replay replay) {
-        long closed = System.nanoTime();
-        Difference.check("buffers in use", replay.buffers().inUse(), 0L);
-        print("buffers   0 of %,d in use", replay.buffers().allocated());
-        if (stop.isRequested()) {
-            return;
-        }
-        // Only a sweep that comes after the end of the maps can tell.
-        long bytes = NativeMemory.bytesInUse();
-        while (NativeMemory.millisSinceSweep() >= (System.nanoTime() - closed) / 1_000_000) {
-            sleep();
-            bytes = NativeMemory.bytesInUse();
-        }
-        Difference.check("native bytes in use after the maps are gone", bytes, 0L);
-        print("native    0 bytes in use after the maps are gone");
+    private static String latencies(Section section) {
+        StringBuilder text = new StringBuilder();
+        section.figures().forEach(figure -> text.append(text.isEmpty() ? "" : ", ")
+                .append(figure.label()).append(' ').append(figure.text()));
+        return text.toString();
     }
 
     private static void delete(Path folder) throws IOException {
         try (DirectoryStream<Path> files = Files.newDirectoryStream(folder)) {
             for (Path file : files) {
-                Files.delete(file);
+                if (Files.isDirectory(file)) {
+                    delete(file);
+                } else {
+                    Files.delete(file);
+                }
             }
         }
         Files.delete(folder);
     }
 
-    private static void sleep() {
-        try {
-            Thread.sleep(100);
-        } catch (InterruptedException e) {
-            throw new IllegalStateException("interrupted", e);
+    /** Says what went wrong, also where an exception names a file and nothing else. */
+    private static String reason(Throwable failure) {
+        String message = failure.getMessage();
+        boolean says = message != null && message.contains(" ");
+        return says ? message : failure.getClass().getSimpleName() + ": " + message;
+    }
+
+    private String advice(Throwable failure) {
+        String text = String.valueOf(failure.getMessage());
+        if (text.contains("No space left")) {
+            return "; the store's files need more room than " + options.folder()
+                    + " has: --folder names another place";
         }
+        if (text.contains("memory limit")) {
+            return "; --memory-limit gives the maps more";
+        }
+        if (text.contains("heap space")) {
+            return "; java -Xmx gives the program more";
+        }
+        return "";
+    }
+
+    private static String count(long requests) {
+        return String.format(Locale.ROOT, "%,d requests", requests);
     }
 
     private void print(String format, Object... values) {

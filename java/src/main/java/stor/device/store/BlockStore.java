@@ -294,6 +294,18 @@ public final class BlockStore implements AutoCloseable {
     }
 
     /**
+     * Visits where the device's sectors are, by the file map alone: in order, holes among them,
+     * with no object made for any. The store waits meanwhile.
+     *
+     * @param visitor takes the ranges; may not call the store
+     */
+    public void forEachStored(OffHeapRangeMap.Visitor visitor) {
+        synchronized (index) {
+            fileMap.forEach(visitor);
+        }
+    }
+
+    /**
      * Waits for a flush or a compaction in progress, forgets everything and deletes the segment
      * files. Does nothing the second time.
      */
@@ -497,34 +509,40 @@ public final class BlockStore implements AutoCloseable {
 
     /** Finds what is live in the emptiest segments, in the order of the device. */
     private List<MappedRange> findMovable(long mostLive, long enough) {
-        Map<Long, Long> live = new HashMap<>();
-        List<MappedRange> layout;
-        List<Segment> candidates;
         synchronized (index) {
-            layout = layout();
-            candidates = new ArrayList<>(files.sealed());
-        }
-        layout.removeIf(range -> Holes.isHole(
-                range.location().majorVer(), range.location().minorVer()));
-        layout.forEach(range -> live.merge(segmentOf(range), (long) range.len(), Long::sum));
-        candidates.removeIf(segment -> live.getOrDefault(segment.id(), 0L) > mostLive);
-        candidates.sort(
-                Comparator.comparingLong(segment -> live.getOrDefault(segment.id(), 0L)));
-
-        Set<Long> chosen = new HashSet<>();
-        long toMove = 0;
-        for (Segment segment : candidates) {
-            if (toMove < enough) {
-                chosen.add(segment.id());
-                toMove += live.getOrDefault(segment.id(), 0L);
+            Map<Long, Long> live = new HashMap<>();
+            forEachLive((offset, len, number, fileOffset, majorVer, minorVer, range) ->
+                    live.merge(SegmentFiles.id(number, majorVer), (long) len, Long::sum));
+            List<Segment> candidates = new ArrayList<>(files.sealed());
+            candidates.removeIf(segment -> live.getOrDefault(segment.id(), 0L) > mostLive);
+            candidates.sort(
+                    Comparator.comparingLong(segment -> live.getOrDefault(segment.id(), 0L)));
+            Set<Long> chosen = new HashSet<>();
+            long toMove = 0;
+            for (Segment segment : candidates) {
+                if (toMove < enough) {
+                    chosen.add(segment.id());
+                    toMove += live.getOrDefault(segment.id(), 0L);
+                }
             }
+            // Only now objects are made: all ranges would be too many for some heaps.
+            List<MappedRange> movable = new ArrayList<>();
+            forEachLive((offset, len, number, fileOffset, majorVer, minorVer, range) -> {
+                if (chosen.contains(SegmentFiles.id(number, majorVer))) {
+                    movable.add(new MappedRange(offset, len, range.isMemoryType(),
+                            new FileLocation(number, fileOffset, majorVer, minorVer)));
+                }
+            });
+            return movable;
         }
-        layout.removeIf(range -> !chosen.contains(segmentOf(range)));
-        return layout;
     }
 
-    private static long segmentOf(MappedRange range) {
-        return SegmentFiles.id(range.location().number(), range.location().majorVer());
+    private void forEachLive(OffHeapRangeMap.Visitor visitor) {
+        fileMap.forEach((offset, len, number, fileOffset, majorVer, minorVer, range) -> {
+            if (!Holes.isHole(majorVer, minorVer)) {
+                visitor.visit(offset, len, number, fileOffset, majorVer, minorVer, range);
+            }
+        });
     }
 
     private void move(MappedRange range) throws IOException {
@@ -556,11 +574,8 @@ public final class BlockStore implements AutoCloseable {
     private void freeEmptySegments() throws IOException {
         synchronized (index) {
             Set<Long> live = new HashSet<>();
-            fileMap.forEach((offset, len, number, fileOffset, majorVer, minorVer, range) -> {
-                if (!Holes.isHole(majorVer, minorVer)) {
-                    live.add(SegmentFiles.id(number, majorVer));
-                }
-            });
+            forEachLive((offset, len, number, fileOffset, majorVer, minorVer, range) ->
+                    live.add(SegmentFiles.id(number, majorVer)));
             for (Segment segment : files.sealed()) {
                 if (!live.contains(segment.id())) {
                     files.retire(segment);
@@ -588,8 +603,8 @@ public final class BlockStore implements AutoCloseable {
 
     /** To be called after every change that makes a map grow. */
     private void notePeaks() {
-        peaks = peaks.and(memoryRanges(), fileMap.size(), allRanges(), bufferedBytes(),
-                recordBytes(), 0, 0);
+        peaks = peaks.and(memoryRanges(), fileMap.size(), bufferedBytes(), recordBytes(),
+                allRanges(), 0, 0);
     }
 
     private int memoryRanges() {

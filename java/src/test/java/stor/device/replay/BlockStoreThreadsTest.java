@@ -65,7 +65,7 @@ class BlockStoreThreadsTest {
     /** Writes, discards and reads sectors of its own. */
     private Void write(BlockStore store, int writer) throws IOException {
         Random random = new Random(writer);
-        Mirror mirror = new Mirror(SECTOR);
+        Mirror mirror = new Mirror(folder, SECTOR, 0, false);
         long base = (long) writer * SECTORS_A_WRITER * SECTOR;
         for (int i = 1; i <= REQUESTS; i++) {
             long offset = base + random.nextInt(SECTORS_A_WRITER - 4) * SECTOR;
@@ -73,15 +73,16 @@ class BlockStoreThreadsTest {
             int kind = random.nextInt(10);
             if (kind == 0) {
                 store.discard(offset, length);
-                mirror.set(offset, length, 0);
+                mirror.discard(offset, length);
             } else if (kind < 6) {
                 write(store, offset, length, i);
-                mirror.set(offset, length, i);
+                mirror.write(offset, length, i);
             } else {
                 mirror.check("read, seed " + writer, offset, store.read(offset, length));
             }
         }
         mirror.check("end", base, store.read(base, SECTORS_A_WRITER * SECTOR));
+        mirror.close();
         return null;
     }
 

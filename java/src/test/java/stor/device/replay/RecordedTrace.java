@@ -2,7 +2,6 @@ package stor.device.replay;
 
 import java.io.IOException;
 import java.nio.file.Path;
-import stor.device.replay.TraceReader.Request;
 
 /** Reads a block trace for tests of other packages. */
 public final class RecordedTrace {
@@ -26,9 +25,9 @@ public final class RecordedTrace {
         try (TraceReader trace = new TraceReader(path)) {
             for (Request next = trace.next(); next != null; next = trace.next()) {
                 switch (next.kind()) {
-                    case READ -> store.read(next.offset(), next.length());
-                    case WRITE -> store.write(next.offset(), next.length());
-                    case DISCARD -> store.discard(next.offset(), next.length());
+                    case READ -> store.read(next.offset(), (int) next.length());
+                    case WRITE -> store.write(next.offset(), (int) next.length());
+                    case DISCARD -> store.discard(next.offset(), (int) next.length());
                 }
             }
         }

@@ -16,7 +16,7 @@ import java.util.stream.LongStream;
 import java.util.stream.Stream;
 import javax.management.JMException;
 import javax.management.ObjectName;
-import stor.device.replay.TraceReader.Kind;
+import stor.device.replay.Request.Kind;
 import stor.device.skiplist.Sweep;
 import stor.device.store.StoreStats;
 
@@ -108,7 +108,8 @@ public final class Soak {
 
     private static boolean run(int minutes) throws Exception {
         Path folder = Files.createTempDirectory("soak-");
-        Replay replay = new Replay(ReplayOptions.parse(OPTIONS.toArray(String[]::new)), folder);
+        Replay replay = new Replay(ReplayOptions.parse(OPTIONS.toArray(String[]::new)), folder,
+                new StopSignal());
         long referencesBefore = globalReferences();
         List<long[]> samples;
         try (replay) {
@@ -162,7 +163,7 @@ public final class Soak {
         // Half of the requests go to an eighth of the device.
         int part = random.nextBoolean() ? DEVICE_SECTORS / 8 : DEVICE_SECTORS;
         long offset = random.nextInt(part - length + 1);
-        replay.serve(new TraceReader.Request(kind, offset * SECTOR, length * SECTOR));
+        replay.serve(new Request(kind, offset * SECTOR, length * SECTOR, 0));
     }
 
     private long[] sample(int minute) throws Exception {

@@ -4,6 +4,8 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
+import com.google.gson.JsonObject;
+import com.google.gson.JsonParser;
 import java.io.ByteArrayOutputStream;
 import java.io.IOException;
 import java.io.OutputStream;
@@ -11,133 +13,250 @@ import java.io.PrintStream;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.ArrayList;
-import java.util.List;
+import java.util.Arrays;
+import java.util.Map;
+import java.util.TreeMap;
+import java.util.concurrent.CompletableFuture;
 import java.util.stream.Stream;
 import java.util.zip.GZIPOutputStream;
+import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
-import stor.device.replay.TraceReader.Kind;
-import stor.device.replay.TraceReader.Request;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.CsvSource;
+import org.junit.jupiter.params.provider.ValueSource;
 
-/** The formats, and the program's answers to what it cannot use. */
+/** The program as a user meets it: command lines, what they print, and what is left in a folder. */
 class TraceReplayTest {
-    private final ByteArrayOutputStream out = new ByteArrayOutputStream();
-    private final ByteArrayOutputStream err = new ByteArrayOutputStream();
+    private final ByteArrayOutputStream printed = new ByteArrayOutputStream();
     @TempDir
     private Path folder;
 
-    @Test
-    void badArgumentsAreNamed() {
-        assertUnusable("no trace given");
-        assertUnusable("--speed: unknown option", "--speed", "1", "x.gz");
-        assertUnusable("--repeat: '0' (expected: a number from 1", "--repeat", "0", "x.gz");
-        assertUnusable("--seed: '' (expected", "--seed");
-        assertUnusable("--buffer-size: '9G' (expected", "--buffer-size", "9G", "x");
-        assertUnusable("sector size: 1000 (expected: 512 or 4096)", "--sector-size", "1000", "x");
-        assertUnusable("segment size: 512 (expected: >= 520)", "--segment-size", "512", "x");
+    @BeforeEach
+    void makeFiles() throws IOException {
+        write("ok", "# one\n\n1 W 0 4096\r\n  2 R 0 512 \n3 D 512 512\n");
+        write("disks", "1,a,0,Write,100,5000,1\n2,a,1,Write,0,1,1\n99,a,0,Read,0,9000,1\n");
+        write("empty", "");
+        write("text", "Dear all,\nplease find attached\n");
+        write("odd", "1 W 0 512\nx\n2 R 0 512\n");
+        write("head.csv", "time,host,disk,kind,offset,length,response\n");
+        write("later", "1 W 0 512\n2000001 R 0 512\n");
+        Files.write(folder.resolve("cut.gz"), Arrays.copyOf(gzip("1 W 0 512\n".repeat(9000)), 70));
+        Files.createDirectory(folder.resolve("folder"));
+        Files.createSymbolicLink(folder.resolve("link"), folder.resolve("ok"));
+    }
+
+    /** A word that begins with @ names a file in the folder. */
+    @ParameterizedTest
+    @CsvSource(delimiter = '|', quoteCharacter = '"', value = {
+        "--speed 1 @ok              | --speed: unknown option",
+        "-x @ok                     | -x: unknown option",
+        "--seed                     | --seed: '' (expected: a value)",
+        "--repeat 0 @ok             | --repeat: '0' (expected: a number from 1 to 2147483647)",
+        "--segment-size 9G @ok      | --segment-size: '9G' (expected: a number",
+        "--sector-size=1k @ok       | sector size: 1024 (expected: 512 or 4096)",
+        "--segment-size 512 @ok     | segment size: 512 (expected: >= 520)",
+        "--verify all @ok           | --verify: 'all' (expected: full, sample)",
+        "--format csv @ok           | --format: 'csv' (expected: plain, msr",
+        "--from soon @ok            | --from: 'soon' (expected: seconds",
+        "--from 2m --to 2 @ok       | --from: 120.0 s (expected: less than --to, 2.0 s)",
+        "@ok @later                 | later': another trace (expected: one;",
+        "--requests 5               | no trace given",
+        "--repeat 2 -               | --repeat: 2 (expected: 1 for -, which can be read once only)",
+        "@missing                   | missing (No such file or directory)",
+        "@folder                    | folder: is a folder (expected: a trace)",
+        "--folder @missing @ok      | missing: no such folder",
+        "@empty                     | empty: no request in it",
+        "@head.csv                  | head.csv: no request in it",
+        "--device b.0 @disks        | no request for device 'b.0' (expected: a.0, a.1)",
+        "--from 3 @later            | no request in the window; the trace lasts 2.0 seconds",
+        "@text                      | text:2: 'please find attached' (expected: a line of one of",
+        "--skip-bad @text           | none of its 1 lines makes sense",
+        "--report @ok @later        | ok: exists and was not written by this program",
+        "--report @ok @ok           | ok: exists and was not written by this program",
+        "--json @later @ok          | later: exists and was not written by this program",
+        "--report @link @ok         | link: exists and is no regular file",
+        "--report @folder @ok       | folder: exists and is no regular file",
+        "--report /dev/null @ok     | /dev/null: exists and is no regular file",
+        "--report @no/r.html @ok    | no is no folder",
+        "--report @r --json @r @ok  | --json:",
+        "--compare @ok @ok          | ok: was not written by --json",
+        "--compare @missing @ok     | missing: no such file",
+    })
+    void whatCannotBeUsedIsNamedBeforeAnyWork(String line, String words) throws IOException {
+        Map<String, String> before = contents();
+        assertEquals(2, run(line), printed());
+        assertTrue(printed().contains(words), printed());
+        assertTrue(printed().lines().count() <= 2, printed());
+        assertEquals(before, contents());
+    }
+
+    /** The first line is read before anything is made; these are found in the middle of the work. */
+    @ParameterizedTest
+    @CsvSource(delimiter = '|', quoteCharacter = '"', value = {
+        "@odd                                | 2 | odd:2: 'x' (expected: <microseconds> <R|W|D>",
+        "@cut.gz                             | 2 | the compressed data end too early",
+        "--memory-limit 1 @ok                | 2 | --memory-limit gives the maps more",
+        "--skip-bad @odd                     | 0 | lines skipped                      1",
+        "--requests 1k --buffer-size 4k @ok  | 0 | every one of them right",
+        "--device a.0 --sector-size 4K @disks| 0 | working set                        12,288",
+        "--from 0.5 --verify sample @later   | 0 | estimated from one page in 16",
+        "-h                                  | 0 | usage: ./run [options] [trace]",
+    })
+    void whatWasDoneIsReported(String line, int status, String words) throws IOException {
+        Map<String, String> before = contents();
+        assertEquals(status, run(line), printed());
+        assertTrue(printed().contains(words), printed());
+        Map<String, String> after = contents();
+        String html = after.remove("report.html");
+        assertEquals(before, after);
+        if (html != null) {
+            assertFalse(html.contains("href=") || html.contains("src="), "needs another file");
+        }
     }
 
     @Test
-    void badLinesAreNamed() throws IOException {
-        assertUnusable("missing.gz", folder.resolve("missing.gz").toString());
-        assertUnusable(":3: 'x R 0' (expected: <microseconds> <R|W|D>",
-                gzip("# header\n1 W 0 512\nx R 0\n"));
-        assertUnusable(":1: kind: 'X' (expected: R, W or D)", plain("1 X 0 512\n"));
-        assertUnusable(":1: offset: '-1' (expected: a number from 0", plain("1 R -1 512\n"));
-        assertUnusable(":1: length: '0' (expected: a number from 1", plain("1 R 0 0\n"));
-        assertUnusable(":2: offset: 'zero' (expected: a number",
-                plain("1,host,0,Read,0,512,9\n1,host,0,Read,zero,512,9\n"));
-        assertUnusable(":2: '1,host,0,Read,0,512' (expected: <timestamp in 100 ns>,<host>",
-                plain("1,host,0,Write,0,512,9\n1,host,0,Read,0,512\n"));
-        assertUnusable(":1: kind: 'Trim' (expected: Read or Write)",
-                plain("1,host,0,Trim,0,512,9\n"));
-        assertUnusable(":1: '?[31m' (expected:", plain("\033[31m\n"));
-        assertEquals(List.of("trace"), left());
+    void peaksAreThoseOfEveryMoment() throws IOException {
+        StringBuilder trace = new StringBuilder();
+        for (int i = 0; i < 5000; i++) {
+            trace.append(i).append(" W ").append(i * 7919L % 5000 * 8192).append(" 512\n");
+        }
+        // All of it goes while nobody looks.
+        trace.append("5000 D 0 ").append(5000L * 8192).append('\n');
+        write("scattered", trace.toString());
+        JsonObject needs = needs("--flush-every 5000 --snapshot-every 0 @scattered");
+        assertEquals(5000L * (136 + 104), needs.get("peakNativeBytes").getAsLong());
+        assertEquals(10000, needs.get("peakRanges").getAsLong());
+        assertEquals(5000L * 512, needs.get("peakBufferBytes").getAsLong());
+        assertEquals(5000L * 520, needs.get("peakFileBytes").getAsLong());
+        assertEquals(0, needs.get("liveBytes").getAsLong());
     }
 
+    /** More than the buffers on the way: nothing may be lost where a pipe is looked into. */
+    @ParameterizedTest
+    @ValueSource(booleans = {false, true})
+    void aPipeReplaysAsAFileDoes(boolean isCompressed) throws Exception {
+        String text = "1 W 0 512\n2 R 0 512\n".repeat(5000);
+        byte[] half = isCompressed ? gzip(text) : text.getBytes(StandardCharsets.US_ASCII);
+        Path pipe = folder.resolve("pipe");
+        assertEquals(0, new ProcessBuilder("mkfifo", pipe.toString()).start().waitFor());
+        CompletableFuture<Void> writer = CompletableFuture.runAsync(() -> {
+            try (OutputStream out = Files.newOutputStream(pipe)) {
+                // Two parts, the second of which is not there yet when the first one ends.
+                out.write(half);
+                out.flush();
+                Thread.sleep(200);
+                out.write(half);
+            } catch (IOException | InterruptedException e) {
+                throw new IllegalStateException(e);
+            }
+        });
+        assertEquals(0, run("@pipe"), printed());
+        writer.join();
+        assertTrue(printed().contains("load       20,000 requests"), printed());
+    }
+
+    /** Stops at its Nth look, for every N that a run comes to, at growing distances. */
     @Test
-    void formatsAndCompressionAreToldApart() throws IOException {
-        String own = "# header\n1 W 512 1024\n2 R 0 512\n3 D 512 512\n";
-        List<Request> requests = List.of(new Request(Kind.WRITE, 512, 1024),
-                new Request(Kind.READ, 0, 512), new Request(Kind.DISCARD, 512, 512));
-        assertEquals(requests, read(plain(own)));
-        assertEquals(requests, read(gzip(own)));
-        assertEquals(List.of(), read(plain("")));
-
-        List<Request> csv = read(gzip("128166372003061629,web,1,Write,1000,700,1331\r\n"
-                + "128166372003061630,web,2,Read,0,512,7\n"
-                + "128166372003061631,web,1,Read,1000,1,7\n"));
-        assertEquals(new Request(Kind.WRITE, 1000, 700), csv.get(0));
-        assertEquals(new Request(Kind.READ, 1000, 1), csv.get(2));
-        // Another disk is another part of the device.
-        assertTrue(csv.get(1).offset() >= 1L << 42, csv.get(1).toString());
-    }
-
-    @Test
-    void aSmallTraceIsReplayedAndNothingIsLeftButTheReport() throws IOException {
-        String trace = plain("1,a,0,Write,100,5000,1\n2,a,1,Write,0,1,1\n3,a,0,Read,0,9000,1\n");
-        Path report = folder.resolve("report.html");
-        assertEquals(0, run("--report", report.toString(), "--folder", folder.toString(),
-                "--sector-size", "4096", trace), err.toString(StandardCharsets.UTF_8));
-        assertEquals(List.of("report.html", "trace"), left());
-        String html = Files.readString(report);
-        assertTrue(html.contains("every one of them right"), html.substring(0, 2000));
-        assertFalse(html.contains("href=") || html.contains("src="), "refers to another file");
-    }
-
-    @Test
-    void anUnwritablePlaceIsNamed() throws IOException {
-        String trace = plain("1 W 0 512\n");
-        assertUnusable("nowhere", "--folder", folder.resolve("nowhere").toString(), trace);
-        assertUnusable("nowhere", "--folder", folder.toString(),
-                "--report", folder.resolve("nowhere/report.html").toString(), trace);
-        assertEquals(List.of("trace"), left());
-    }
-
-    @Test
-    void helpIsNotAnError() {
-        assertEquals(0, run("--help"));
-        assertTrue(out.toString(StandardCharsets.UTF_8).startsWith("usage:"));
-    }
-
-    private void assertUnusable(String reason, String... args) {
-        err.reset();
-        assertEquals(2, run(args));
-        String text = err.toString(StandardCharsets.UTF_8);
-        assertTrue(text.contains(reason), text);
-    }
-
-    private int run(String... args) {
-        return TraceReplay.run(args, new PrintStream(out, true, StandardCharsets.UTF_8),
-                new PrintStream(err, true, StandardCharsets.UTF_8));
-    }
-
-    private static List<Request> read(String trace) throws IOException {
-        List<Request> requests = new ArrayList<>();
-        try (TraceReader reader = new TraceReader(Path.of(trace))) {
-            for (Request next = reader.next(); next != null; next = reader.next()) {
-                requests.add(next);
+    void aStopInEveryPhaseLeavesAReportAndNothingElse() throws IOException {
+        StringBuilder trace = new StringBuilder();
+        for (int i = 0; i < 600; i++) {
+            trace.append(i).append(" W ").append(i * 331 % 600 * 4096).append(" 4096\n");
+        }
+        write("trace", trace.toString());
+        Map<String, String> before = contents();
+        int status = 130;
+        int stops = 0;
+        for (int looks = 2; status == 130; looks = looks * 5 / 4 + 1) {
+            status = run("--snapshot-every 100 --flush-every 50 --segment-size 64K @trace",
+                    new StopAfter(looks));
+            Map<String, String> after = contents();
+            String report = after.remove("report.html");
+            assertEquals(before, after);
+            Files.delete(folder.resolve("report.html"));
+            if (status == 130) {
+                stops++;
+                assertTrue(report.contains("Stopped on request after "), report);
             }
         }
-        return requests;
+        assertEquals(0, status, printed());
+        assertTrue(stops > 15, "stops: " + stops);
     }
 
-    private String plain(String text) throws IOException {
-        return Files.writeString(folder.resolve("trace"), text).toString();
+    @Test
+    void progressFitsAnyTerminal() {
+        String text = " 34% replay 40k requests, 8k/s, 10 s left";
+        for (int width = 0; width < 130; width++) {
+            String line = Progress.line(0.34, text, width);
+            assertTrue(line.length() <= width, line);
+            assertEquals(width >= text.length(), line.endsWith(text), line);
+        }
+        assertEquals(76, Progress.line(0.34, text, 100).length() + 2, "a full bar of 30");
     }
 
-    private String gzip(String text) throws IOException {
-        Path file = folder.resolve("trace");
-        try (OutputStream gzip = new GZIPOutputStream(Files.newOutputStream(file))) {
+    private static final class StopAfter extends StopSignal {
+        private int looks;
+
+        StopAfter(int looks) {
+            this.looks = looks;
+        }
+
+        @Override
+        synchronized void check() {
+            looks--;
+            if (looks <= 0) {
+                request();
+            }
+            super.check();
+        }
+    }
+
+    private JsonObject needs(String line) throws IOException {
+        assertEquals(0, run("--foreground --json @figures " + line), printed());
+        return JsonParser.parseString(Files.readString(folder.resolve("figures")))
+                .getAsJsonObject().getAsJsonObject("needs");
+    }
+
+    private int run(String line) {
+        return run(line, new StopSignal());
+    }
+
+    private int run(String line, StopSignal stop) {
+        String defaults = line.contains("--report") ? "" : "--report @report.html ";
+        String folders = line.contains("--folder") ? "" : "--folder @folder ";
+        String[] args = (defaults + folders + line).replace("@", folder + "/").split(" ");
+        printed.reset();
+        PrintStream out = new PrintStream(printed, true, StandardCharsets.UTF_8);
+        try (stop) {
+            return TraceReplay.run(args, out, out, stop);
+        }
+    }
+
+    private String printed() {
+        return printed.toString(StandardCharsets.UTF_8);
+    }
+
+    private void write(String name, String text) throws IOException {
+        Files.writeString(folder.resolve(name), text);
+    }
+
+    private static byte[] gzip(String text) throws IOException {
+        ByteArrayOutputStream bytes = new ByteArrayOutputStream();
+        try (OutputStream gzip = new GZIPOutputStream(bytes)) {
             gzip.write(text.getBytes(StandardCharsets.US_ASCII));
         }
-        return file.toString();
+        return bytes.toByteArray();
     }
 
-    private List<String> left() throws IOException {
-        try (Stream<Path> files = Files.list(folder)) {
-            return files.map(file -> file.getFileName().toString()).sorted().toList();
+    /** Gives what is in the folder, and in those in it. */
+    private Map<String, String> contents() throws IOException {
+        Map<String, String> contents = new TreeMap<>();
+        try (Stream<Path> files = Files.walk(folder)) {
+            for (Path file : files.toList()) {
+                contents.put(folder.relativize(file).toString(), Files.isRegularFile(file)
+                        ? Files.readString(file, StandardCharsets.ISO_8859_1) : "");
+            }
         }
+        return contents;
     }
 }

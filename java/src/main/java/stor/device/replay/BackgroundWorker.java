@@ -6,17 +6,20 @@ import java.util.concurrent.ExecutionException;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
+import java.util.concurrent.FutureTask;
 
 /**
  * A thread for work that comes up again and again: a piece of work is dropped if the one before it
- * is still waiting or running. What a piece of work throws comes out with the next call.
+ * is still waiting or running. What a piece of work throws comes out with the next call. May also
+ * do without a thread: then {@link #start} does the work itself. For one caller.
  */
-final class Background implements AutoCloseable {
+final class BackgroundWorker implements AutoCloseable {
     private final ExecutorService thread;
     private Future<?> running;
 
-    Background(String name) {
-        thread = Executors.newSingleThreadExecutor(work -> new Thread(work, name));
+    BackgroundWorker(String name, boolean inForeground) {
+        thread = inForeground ? null
+                : Executors.newSingleThreadExecutor(work -> new Thread(work, name));
     }
 
     /** Starts a piece of work, unless the last one is still under way. */
@@ -25,7 +28,14 @@ final class Background implements AutoCloseable {
             return;
         }
         await();
-        running = thread.submit(work);
+        FutureTask<?> task = new FutureTask<>(work);
+        running = task;
+        if (thread == null) {
+            task.run();
+            await();
+        } else {
+            thread.execute(task);
+        }
     }
 
     /** Waits for the work that was started. */
@@ -48,7 +58,9 @@ final class Background implements AutoCloseable {
     /** Lets the work under way come to its end. */
     @Override
     public void close() {
-        thread.shutdown();
+        if (thread != null) {
+            thread.shutdown();
+        }
     }
 
     private static IOException rethrow(Throwable cause) {
