@@ -6,22 +6,21 @@ find_required_jars(junit_launcher
   junit-jupiter-engine junit-platform-console junit-platform-engine junit-platform-launcher
   junit-platform-reporting opentest4j-reporting-events opentest4j-reporting-schema picocli
   univocity-parsers)
-find_required_jars(guava guava error-prone-annotations)
 
-find_sources(benchmarks src/bench/java/stor/device/bench)
 foreach(package IN ITEMS skiplist store replay)
   find_sources(tests_of_${package} src/test/java/stor/device/${package})
 endforeach()
 add_jar(skiplist-java-tests
-  SOURCES ${benchmarks} ${tests_of_skiplist} ${tests_of_store} ${tests_of_replay}
-  INCLUDE_JARS skiplist-native skiplist-store skiplist-replay ${netty} ${histogram} ${gson}
-    ${guava} ${junit_api})
+  SOURCES ${tests_of_skiplist} ${tests_of_store} ${tests_of_replay}
+  INCLUDE_JARS skiplist-native skiplist-store skiplist-replay skiplist-java-bench
+    ${netty} ${histogram} ${gson} ${junit_api})
 
 # The manifest of the replay brings the native methods and Netty.
-set(libraries ${junit_api} ${junit_launcher} ${guava})
+set(libraries ${junit_api} ${junit_launcher})
 list(JOIN libraries ":" libraries)
 set(tests_jar $<TARGET_PROPERTY:skiplist-java-tests,JAR_FILE>)
 set(class_path ${tests_jar}:$<TARGET_PROPERTY:skiplist-replay,JAR_FILE>:${libraries})
+set(bench_path $<TARGET_PROPERTY:skiplist-java-bench,JAR_FILE>)
 
 # The jar brings the library; what else the tests ask for:
 set(properties
@@ -51,24 +50,40 @@ if(SKIPLIST_PRELOAD)
   list(APPEND properties -Dskiplist.native.library=$<TARGET_FILE:skiplistjni>)
 endif()
 
-# Runs a main class in a JVM whose output is judged by another.
+# Runs a main class in a JVM whose output is judged by another: it has to say what matches all SAYS.
 function(add_java_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SAYS;RUNS")
+  list(TRANSFORM arg_SAYS PREPEND "--says;")
   add_test(NAME ${name} COMMAND ${Java_JAVA_EXECUTABLE} -cp ${class_path}
-    stor.device.skiplist.StrictJvm ${properties} -cp ${class_path} ${ARGN})
+    stor.device.skiplist.StrictJvm ${arg_SAYS} ${properties} -cp ${class_path}:${bench_path} ${arg_RUNS})
   set_tests_properties(${name} PROPERTIES LABELS java TIMEOUT 900 ENVIRONMENT "${environment}")
 endfunction()
 
-add_java_test(java-tests ${checks} ${console} --scan-classpath=${tests_jar})
+add_java_test(java-tests RUNS ${checks} ${console} --scan-classpath=${tests_jar})
 # Too many for the checks above, which make a buffered insert some twenty times slower.
-add_java_test(java-million -Dskiplist.test.operations=1000000
-  ${console} --select-class stor.device.skiplist.RandomComparisonTest)
+add_java_test(java-million SAYS "^PASS: 1[0-9]* operations"
+  RUNS stor.device.skiplist.Verifier --operations 1000000 42)
+
+# The recorded trace: as it is; with a hundred refused inserts and killed flushes among its first
+# requests; and in the public format, at odd offsets, on two disks.
 set(trace ${PROJECT_SOURCE_DIR}/data/sqlite-oltp.trace.gz)
-add_java_test(java-replay ${checks} stor.device.replay.TraceReplay
-  --report ${CMAKE_CURRENT_BINARY_DIR}/report.html ${trace})
-add_java_test(java-replay-cases -Dskiplist.test.trace=${trace} ${checks}
-  ${console} --select-class stor.device.replay.RecordedTraceCases)
+set(replay ${checks} stor.device.replay.TraceReplay)
+set(reports ${CMAKE_CURRENT_BINARY_DIR})
+add_java_test(java-replay RUNS ${replay} --report ${reports}/report.html ${trace})
+add_java_test(java-replay-refused
+  SAYS "inserts refused +[0-9,]*[0-9][0-9][0-9] " "[0-9,]*[0-9][0-9] more were killed"
+  RUNS ${replay} --report ${reports}/refused.html --requests 25000
+    --memory-limit 32K --fail-flush-every 4 ${trace})
+set(public_trace ${CMAKE_CURRENT_BINARY_DIR}/public.csv)
+add_test(NAME java-public-trace
+  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/public-trace.sh ${trace} 25000 ${public_trace})
+set_tests_properties(java-public-trace PROPERTIES LABELS java FIXTURES_SETUP public-trace)
+add_java_test(java-replay-public SAYS " 25,000 requests:"
+  RUNS ${replay} --report ${reports}/public.html --sector-size 4096 ${public_trace})
+set_tests_properties(java-replay-public PROPERTIES FIXTURES_REQUIRED public-trace)
+
 # Fails if the maps that are compared disagree; the times say nothing.
-add_java_test(java-benchmark stor.device.bench.RangeMapBenchmark
+add_java_test(java-benchmark RUNS stor.device.bench.RangeMapBenchmark
   --rounds 1 --ranges 2000 --gc-ranges 2000 ${trace})
 add_test(NAME javadoc COMMAND ${javadoc})
 set_tests_properties(javadoc PROPERTIES LABELS java)

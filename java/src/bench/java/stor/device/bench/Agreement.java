@@ -7,8 +7,8 @@ import java.util.Map;
 import java.util.function.Consumer;
 import java.util.stream.Stream;
 import stor.device.replay.Difference;
-import stor.device.replay.Location;
-import stor.device.replay.Range;
+import stor.device.skiplist.FileLocation;
+import stor.device.skiplist.MappedRange;
 import stor.device.skiplist.OffHeapRangeMap.Visitor;
 
 /**
@@ -46,8 +46,8 @@ final class Agreement {
             maps.values().forEach(map -> operation.applyTo(map, null));
             return;
         }
-        List<Range> expected = answer(Contender.NATIVE, operation);
-        List<Range> cut = cut(expected, operation.offset(), operation.length());
+        List<MappedRange> expected = answer(Contender.NATIVE, operation);
+        List<MappedRange> cut = cut(expected, operation.offset(), operation.length());
         for (Contender contender : maps.keySet()) {
             compare(contender, answer(contender, operation),
                     contender.hasSameRanges() ? expected : cut);
@@ -55,12 +55,12 @@ final class Agreement {
     }
 
     private int compareContents() {
-        List<Range> expected = list(maps.get(Contender.NATIVE)::forEach);
+        List<MappedRange> expected = list(maps.get(Contender.NATIVE)::forEach);
         maps.forEach((contender, map) -> compare(contender, list(map::forEach), expected));
         return expected.size();
     }
 
-    private void compare(Contender contender, List<Range> found, List<Range> expected) {
+    private void compare(Contender contender, List<MappedRange> found, List<MappedRange> expected) {
         if (contender.hasSameRanges()) {
             compareAll(contender, found, expected);
         } else {
@@ -68,61 +68,64 @@ final class Agreement {
         }
     }
 
-    private void compareAll(Contender contender, List<Range> found, List<Range> expected) {
+    private void compareAll(
+            Contender contender, List<MappedRange> found, List<MappedRange> expected) {
         for (int i = 0; i < Math.max(found.size(), expected.size()); i++) {
-            Range ours = i < found.size() ? found.get(i) : null;
-            Range theirs = i < expected.size() ? expected.get(i) : null;
+            MappedRange ours = i < found.size() ? found.get(i) : null;
+            MappedRange theirs = i < expected.size() ? expected.get(i) : null;
             if (ours == null || !ours.equals(theirs)) {
                 throw new Difference(workload + ": range " + i + " of " + contender, ours, theirs);
             }
         }
     }
 
-    private List<Range> answer(Contender contender, Operation query) {
+    private List<MappedRange> answer(Contender contender, Operation query) {
         return list(visitor -> query.applyTo(maps.get(contender), visitor));
     }
 
-    private static List<Range> list(Consumer<Visitor> walk) {
-        List<Range> ranges = new ArrayList<>();
+    private static List<MappedRange> list(Consumer<Visitor> walk) {
+        List<MappedRange> ranges = new ArrayList<>();
         walk.accept((offset, length, number, fileOffset, majorVer, minorVer, visited) ->
-                ranges.add(new Range(offset, length,
-                        new Location(false, (byte) number, fileOffset, majorVer, minorVer),
-                        Range.NO_BUFFER)));
+                ranges.add(new MappedRange(offset, length, false,
+                        new FileLocation(number, fileOffset, majorVer, minorVer))));
         return ranges;
     }
 
-    private static List<Range> cut(List<Range> ranges, long offset, int length) {
-        return ranges.stream().map(range -> range.slice(Math.max(range.start(), offset),
-                Math.min(range.end(), offset + length), Workloads.SECTOR_SIZE)).toList();
+    private static List<MappedRange> cut(List<MappedRange> ranges, long offset, int length) {
+        return ranges.stream().map(range -> {
+            long start = Math.max(range.offset(), offset);
+            long end = Math.min(range.end(), offset + length);
+            return new MappedRange(start, (int) (end - start), false, range.location()
+                    .plus(start - range.offset(), Workloads.SECTOR_SIZE));
+        }).toList();
     }
 
     /** Joins all that lies side by side, on the device and in the file, however it is stored. */
-    private static List<Range> stretches(List<Range> ranges) {
-        List<Range> stretches = new ArrayList<>();
-        for (Range range : ranges) {
+    private static List<MappedRange> stretches(List<MappedRange> ranges) {
+        List<MappedRange> stretches = new ArrayList<>();
+        for (MappedRange range : ranges) {
             int last = stretches.size() - 1;
             if (last >= 0 && continues(range, stretches.get(last))) {
-                Range first = stretches.get(last);
-                stretches.set(last, new Range(first.start(),
-                        Math.toIntExact(range.end() - first.start()), first.location(),
-                        Range.NO_BUFFER));
+                MappedRange first = stretches.get(last);
+                stretches.set(last, new MappedRange(first.offset(),
+                        Math.toIntExact(range.end() - first.offset()), false, first.location()));
             } else {
-                stretches.add(new Range(
-                        range.start(), range.length(), placeOf(range), Range.NO_BUFFER));
+                stretches.add(new MappedRange(
+                        range.offset(), range.len(), false, placeOf(range)));
             }
         }
         return stretches;
     }
 
-    private static boolean continues(Range range, Range stretch) {
-        Location end = stretch.location().isEmpty() ? stretch.location()
-                : stretch.location().plus(stretch.length(), Workloads.SECTOR_SIZE);
-        return stretch.end() == range.start() && placeOf(range).equals(end);
+    private static boolean continues(MappedRange range, MappedRange stretch) {
+        FileLocation end = stretch.location().isEmpty() ? stretch.location()
+                : stretch.location().plus(stretch.len(), Workloads.SECTOR_SIZE);
+        return stretch.end() == range.offset() && placeOf(range).equals(end);
     }
 
     /** Gives where a range begins; a piece of an empty one lies nowhere, too. */
-    private static Location placeOf(Range range) {
-        Location place = range.location();
-        return place.major() == -1 && place.minor() == -1 ? Location.EMPTY : place;
+    private static FileLocation placeOf(MappedRange range) {
+        FileLocation place = range.location();
+        return place.majorVer() == -1 && place.minorVer() == -1 ? FileLocation.EMPTY : place;
     }
 }

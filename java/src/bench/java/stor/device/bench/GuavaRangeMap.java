@@ -2,7 +2,7 @@ package stor.device.bench;
 
 import com.google.common.collect.Range;
 import com.google.common.collect.TreeRangeMap;
-import stor.device.replay.Location;
+import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.OffHeapRangeMap.Visitor;
 
 /**
@@ -26,7 +26,7 @@ final class GuavaRangeMap implements RangeMap {
     }
 
     @Override
-    public void insert(long offset, int length, Location at) {
+    public void insert(long offset, int length, FileLocation at) {
         ranges.putCoalescing(Range.closedOpen(offset, offset + length), originOf(offset, at));
     }
 
@@ -41,9 +41,9 @@ final class GuavaRangeMap implements RangeMap {
         ranges.asMapOfRanges().forEach((range, origin) -> visit(range, origin, visitor));
     }
 
-    private static Origin originOf(long offset, Location at) {
-        return at.isEmpty() ? NOWHERE : new Origin(at.number(),
-                at.offset() - fileDistance(offset), at.major(), at.minor());
+    private static Origin originOf(long offset, FileLocation at) {
+        return at.isEmpty() ? NOWHERE : new Origin((byte) at.number(),
+                at.offset() - fileDistance(offset), at.majorVer(), at.minorVer());
     }
 
     private static void visit(Range<Long> range, Origin origin, Visitor visitor) {
@@ -55,6 +55,6 @@ final class GuavaRangeMap implements RangeMap {
     }
 
     private static long fileDistance(long distance) {
-        return Location.fileDistance(distance, Workloads.SECTOR_SIZE);
+        return Workloads.fileDistance(distance, Workloads.SECTOR_SIZE);
     }
 }

@@ -1,6 +1,6 @@
 package stor.device.bench;
 
-import stor.device.replay.Location;
+import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.OffHeapRangeMap;
 import stor.device.skiplist.OffHeapRangeMap.Visitor;
@@ -11,9 +11,9 @@ final class LayerRangeMap implements RangeMap {
             OffHeapRangeMap.create(Contender.HEIGHT, Workloads.SECTOR_SIZE);
 
     @Override
-    public void insert(long offset, int length, Location at) {
+    public void insert(long offset, int length, FileLocation at) {
         map.insert(offset, length, new FileLocation(
-                Byte.toUnsignedInt(at.number()), at.offset(), at.major(), at.minor()));
+                at.number(), at.offset(), at.majorVer(), at.minorVer()));
     }
 
     @Override

@@ -1,6 +1,6 @@
 package stor.device.bench;
 
-import stor.device.replay.Location;
+import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.JniSkipListNative;
 import stor.device.skiplist.OffHeapRangeMap.Visitor;
 
@@ -10,9 +10,9 @@ final class NativeRangeMap implements RangeMap {
             JniSkipListNative.createSkipList(Contender.HEIGHT, Workloads.SECTOR_SIZE);
 
     @Override
-    public void insert(long offset, int length, Location at) {
-        JniSkipListNative.insert(
-                handle, offset, length, at.offset(), at.major(), at.minor(), at.number());
+    public void insert(long offset, int length, FileLocation at) {
+        JniSkipListNative.insert(handle, offset, length, at.offset(), at.majorVer(),
+                at.minorVer(), (byte) at.number());
     }
 
     @Override

@@ -2,7 +2,7 @@ package stor.device.bench;
 
 import java.util.Map;
 import java.util.NavigableMap;
-import stor.device.replay.Location;
+import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.OffHeapRangeMap.Visitor;
 
 /**
@@ -41,13 +41,13 @@ final class NavigableRangeMap implements RangeMap {
             return fileOffset == -1 && majorVer == -1 && minorVer == -1;
         }
 
-        void set(long offset, int bytes, Location at) {
+        void set(long offset, int bytes, FileLocation at) {
             start = offset;
             length = bytes;
-            number = at.number();
+            number = (byte) at.number();
             fileOffset = at.offset();
-            majorVer = at.major();
-            minorVer = at.minor();
+            majorVer = at.majorVer();
+            minorVer = at.minorVer();
         }
 
         void setPlace(Entry other) {
@@ -66,7 +66,7 @@ final class NavigableRangeMap implements RangeMap {
             long skip = position - start;
             start = position;
             length -= (int) skip;
-            fileOffset += (int) Location.fileDistance(skip, Workloads.SECTOR_SIZE);
+            fileOffset += (int) Workloads.fileDistance(skip, Workloads.SECTOR_SIZE);
         }
 
         /** Tells whether this and another entry, which touch or overlap, may be one. */
@@ -76,7 +76,7 @@ final class NavigableRangeMap implements RangeMap {
             }
             return number == other.number && majorVer == other.majorVer
                     && minorVer == other.minorVer
-                    && Location.fileDistance(start - other.start, Workloads.SECTOR_SIZE)
+                    && Workloads.fileDistance(start - other.start, Workloads.SECTOR_SIZE)
                             == (long) fileOffset - other.fileOffset;
         }
     }
@@ -87,7 +87,7 @@ final class NavigableRangeMap implements RangeMap {
     }
 
     @Override
-    public void insert(long offset, int length, Location at) {
+    public void insert(long offset, int length, FileLocation at) {
         Entry added = spare;
         added.set(offset, length, at);
         Entry before = entryOf(entries.lowerEntry(offset));

@@ -1,6 +1,6 @@
 package stor.device.bench;
 
-import stor.device.replay.Location;
+import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.OffHeapRangeMap.Visitor;
 
 /**
@@ -10,7 +10,7 @@ import stor.device.skiplist.OffHeapRangeMap.Visitor;
  * @param length the length in bytes
  * @param at where an insert puts the first byte, or null for a query
  */
-public record Operation(long offset, int length, Location at) {
+record Operation(long offset, int length, FileLocation at) {
     static Operation query(long offset, int length) {
         return new Operation(offset, length, null);
     }

@@ -1,6 +1,6 @@
 package stor.device.bench;
 
-import stor.device.replay.Location;
+import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.OffHeapRangeMap.Visitor;
 
 /**
@@ -9,7 +9,7 @@ import stor.device.skiplist.OffHeapRangeMap.Visitor;
  */
 interface RangeMap extends AutoCloseable {
     /** Stores a range; afterwards its bytes lie there, and all others where they were. */
-    void insert(long offset, int length, Location at);
+    void insert(long offset, int length, FileLocation at);
 
     /** Visits the ranges that share a byte with a range, in order. */
     void find(long offset, int length, Visitor visitor);

@@ -13,7 +13,6 @@ import java.util.stream.Collectors;
 import java.util.stream.Stream;
 import org.HdrHistogram.Histogram;
 import stor.device.skiplist.OffHeapRangeMap.Visitor;
-import stor.device.skiplist.Sweep;
 
 /**
  * Compares range maps in one JVM: the native methods, the safe layer, and what a Java program would
@@ -28,8 +27,6 @@ import stor.device.skiplist.Sweep;
  *
  * <p>In the case {@code held}, one map at a time holds its ranges while the heap is collected. The
  * time is that of {@link System#gc}, seen from outside.
- *
- * <p>To be started with the jars of the tests, of the replay, and of Guava on the class path.
  */
 public final class RangeMapBenchmark {
     private static final String HELD = "held";

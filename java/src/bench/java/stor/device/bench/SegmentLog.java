@@ -1,6 +1,6 @@
 package stor.device.bench;
 
-import stor.device.replay.Location;
+import stor.device.skiplist.FileLocation;
 
 /**
  * Hands out places one after another, as a log-structured store does: what is written in sequence
@@ -8,9 +8,10 @@ import stor.device.replay.Location;
  */
 final class SegmentLog {
     private static final int FILE_BYTES = 1 << 30;
+    private static final int FILES = 256;
 
     private final int sectorSize;
-    private byte number;
+    private int number;
     private int end;
     private int majorVer = 1;
 
@@ -18,24 +19,25 @@ final class SegmentLog {
         this.sectorSize = sectorSize;
     }
 
-    Location append(int length) {
-        int span = (int) Location.fileDistance(length, sectorSize);
+    FileLocation append(int length) {
+        int span = (int) Workloads.fileDistance(length, sectorSize);
         if (end > FILE_BYTES - span) {
             startNextFile();
         }
-        Location place = new Location(false, number, end, majorVer, 0);
+        FileLocation place = new FileLocation(number, end, majorVer, 0);
         end += span;
         return place;
     }
 
     /** As above, with a sector left free behind it, so that no other place continues this one. */
-    Location appendApart(int length) {
+    FileLocation appendApart(int length) {
         return append(length + sectorSize);
     }
 
     private void startNextFile() {
         end = 0;
-        if (++number == 0) {
+        if (number++ == FILES - 1) {
+            number = 0;
             majorVer++;
         }
     }

@@ -3,7 +3,7 @@ package stor.device.bench;
 import java.util.Arrays;
 
 /** What is said of values measured in several rounds. */
-public record Summary(double median, double min, double max, int rounds) {
+record Summary(double median, double min, double max, int rounds) {
     /** Sums up at least one value. */
     public static Summary of(double[] values) {
         double[] sorted = values.clone();

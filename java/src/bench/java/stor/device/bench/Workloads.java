@@ -8,18 +8,25 @@ import java.util.List;
 import java.util.Random;
 import java.util.function.BiFunction;
 import java.util.stream.Stream;
-import stor.device.replay.Location;
-import stor.device.replay.RecordedTrace;
+import stor.device.skiplist.FileLocation;
+import stor.device.replay.Request;
+import stor.device.replay.TraceReader;
 
 /** The operations that are timed, made from fixed seeds: the same in every run and for all maps. */
-public final class Workloads {
+final class Workloads {
     static final int SECTOR_SIZE = 512;
 
+    private static final int EXTRA_BYTES_PER_SECTOR = 8;
     private static final int SECTORS_PER_PAGE = 8;
     private static final int PAGE_BYTES = SECTORS_PER_PAGE * SECTOR_SIZE;
     private static final int MOST_SECTORS = 2 * SECTORS_PER_PAGE;
 
     private Workloads() {
+    }
+
+    /** Tells how far apart in the file two bytes lie that are so far apart on the device. */
+    static long fileDistance(long distance, int sectorSize) {
+        return distance + distance / sectorSize * EXTRA_BYTES_PER_SECTOR;
     }
 
     /** Makes ranges of a page each, side by side, in random order, of which no two can be fused. */
@@ -45,26 +52,24 @@ public final class Workloads {
      * Makes what a log-structured store does for a trace: a read is a query, a write goes to the
      * next place of the log, a discard stores the empty location.
      */
-    public static List<Operation> trace(Path path, int sectorSize) throws IOException {
+    static List<Operation> trace(Path path, int sectorSize) throws IOException {
         SegmentLog log = new SegmentLog(sectorSize);
         List<Operation> operations = new ArrayList<>();
-        RecordedTrace.replay(path, new RecordedTrace.Store() {
-            @Override
-            public void read(long offset, int length) {
-                operations.add(Operation.query(offset, length));
+        try (TraceReader trace = new TraceReader(path)) {
+            for (Request next = trace.next(); next != null; next = trace.next()) {
+                operations.add(switch (next.kind()) {
+                    case READ -> Operation.query(next.offset(), (int) next.length());
+                    case WRITE -> write(next.offset(), (int) next.length(), log);
+                    case DISCARD -> new Operation(
+                            next.offset(), (int) next.length(), FileLocation.EMPTY);
+                });
             }
-
-            @Override
-            public void write(long offset, int length) {
-                operations.add(new Operation(offset, length, log.append(length)));
-            }
-
-            @Override
-            public void discard(long offset, int length) {
-                operations.add(new Operation(offset, length, Location.EMPTY));
-            }
-        });
+        }
         return operations;
+    }
+
+    private static Operation write(long offset, int length, SegmentLog log) {
+        return new Operation(offset, length, log.append(length));
     }
 
     private static List<Operation> atRandom(

@@ -21,7 +21,7 @@ import stor.device.store.StoreStats;
  * <p>Every method throws a {@link Difference} if a byte is wrong, and {@link StopSignal.Stopped}
  * soon after a stop was requested.
  */
-final class Replay implements AutoCloseable {
+public final class Replay implements AutoCloseable {
     /** Longer requests are served in pieces, so that none takes much memory. */
     private static final int MAX_PIECE = 1 << 20;
     private static final long MAX_DISCARD = 1 << 30;
@@ -54,6 +54,17 @@ final class Replay implements AutoCloseable {
     private long snapshotsGivenUp;
     private int readBacks;
 
+    /**
+     * Makes a store that nothing stops.
+     *
+     * @param options says how requests are served
+     * @param folder where the store keeps its files; has to be empty
+     * @throws IOException if a file cannot be made
+     */
+    public Replay(ReplayOptions options, Path folder) throws IOException {
+        this(options, folder, new StopSignal());
+    }
+
     /** Makes a store and all else in a folder, which has to be empty. */
     Replay(ReplayOptions options, Path folder, StopSignal stop) throws IOException {
         this.options = options;
@@ -73,8 +84,13 @@ final class Replay implements AutoCloseable {
         samples = new StoreSamples(store::stats, () -> requests);
     }
 
-    /** Serves one request and, when it is their turn, starts the work in the background. */
-    void serve(Request request) throws IOException {
+    /**
+     * Serves one request and, when it is their turn, starts the work in the background.
+     *
+     * @param request a request
+     * @throws IOException if a file cannot be read or written
+     */
+    public void serve(Request request) throws IOException {
         stop.check();
         long end = request.end();
         switch (request.kind()) {
@@ -128,7 +144,12 @@ final class Replay implements AutoCloseable {
         Files.deleteIfExists(storeFolder);
     }
 
-    BlockStore store() {
+    /**
+     * Reads the store, still owned by this object.
+     *
+     * @return the store, still owned by this object
+     */
+    public BlockStore store() {
         return store;
     }
 
@@ -140,7 +161,12 @@ final class Replay implements AutoCloseable {
         return mirror;
     }
 
-    CountedBuffers buffers() {
+    /**
+     * Reads the pool of all buffers.
+     *
+     * @return the pool of all buffers
+     */
+    public CountedBuffers buffers() {
         return buffers;
     }
 
@@ -175,15 +201,30 @@ final class Replay implements AutoCloseable {
         return readBacks;
     }
 
-    long killedFlushes() {
+    /**
+     * Reads how many flushes were ended in their middle.
+     *
+     * @return how many flushes were ended in their middle
+     */
+    public long killedFlushes() {
         return killedFlushes.get();
     }
 
-    long snapshots() {
+    /**
+     * Reads how many snapshots were taken.
+     *
+     * @return how many snapshots were taken
+     */
+    public long snapshots() {
         return snapshots;
     }
 
-    long snapshotsGivenUp() {
+    /**
+     * Reads how many snapshots were given up for want of memory.
+     *
+     * @return how many snapshots were given up for want of memory
+     */
+    public long snapshotsGivenUp() {
         return snapshotsGivenUp;
     }
 
@@ -253,8 +294,12 @@ final class Replay implements AutoCloseable {
 
     // --- Work beside them ------------------------------------------------------------------------
 
-    /** Waits for the work in the background and flushes. */
-    void settle() throws IOException {
+    /**
+     * Waits for the work in the background and flushes.
+     *
+     * @throws IOException if a file cannot be read or written
+     */
+    public void settle() throws IOException {
         flusher.await();
         compactor.await();
         while (flush() < 0) {

@@ -12,7 +12,7 @@ import java.util.Locale;
 import stor.device.store.StoreSettings;
 
 /** What the command line of {@link TraceReplay} says. */
-final class ReplayOptions {
+public final class ReplayOptions {
     /** Names the trace to take if none is given. */
     private static final String DEFAULT_TRACE = "skiplist.replay.trace";
     private static final int DEFAULT_TRACE_REPEAT = 3;
@@ -44,8 +44,14 @@ final class ReplayOptions {
     private boolean skipBad;
     private List<Path> compared = List.of();
 
-    /** Reads the arguments; an {@link IllegalArgumentException} says which one is wrong. */
-    static ReplayOptions parse(String... args) {
+    /**
+     * Reads the arguments.
+     *
+     * @param args the arguments of {@link TraceReplay}
+     * @return what they say
+     * @throws IllegalArgumentException if one of them is wrong
+     */
+    public static ReplayOptions parse(String... args) {
         ReplayOptions options = new ReplayOptions();
         for (Iterator<String> rest = List.of(args).iterator(); rest.hasNext() && !options.help;) {
             options.take(rest.next(), rest);

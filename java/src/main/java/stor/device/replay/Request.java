@@ -8,11 +8,14 @@ package stor.device.replay;
  * @param length how many bytes, at least 1
  * @param micros when it came, in microseconds by the trace's own clock, from any moment on
  */
-record Request(Kind kind, long offset, long length, long micros) {
+public record Request(Kind kind, long offset, long length, long micros) {
     /** What a request does to its range. */
-    enum Kind {
+    public enum Kind {
+        /** Asks for the bytes. */
         READ,
+        /** Stores new bytes. */
         WRITE,
+        /** Says that nobody needs the bytes any more. */
         DISCARD
     }
 

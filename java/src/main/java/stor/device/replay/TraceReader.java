@@ -17,7 +17,7 @@ import java.util.TreeSet;
  * its requests that are asked for. Comments begin with {@code #}. Where a trace has several
  * devices, each gets a part of one large device, in the order in which they come up.
  */
-final class TraceReader implements AutoCloseable {
+public final class TraceReader implements AutoCloseable {
     /** Standard input in the place of a path. */
     static final Path STANDARD_INPUT = Path.of("-");
     private static final int MAX_DEVICES = 1 << 16;
@@ -51,7 +51,13 @@ final class TraceReader implements AutoCloseable {
         static final Selection ALL = new Selection(null, 'Q', null, 0, Long.MAX_VALUE, false);
     }
 
-    TraceReader(Path path) throws IOException {
+    /**
+     * Opens a trace of all whose requests are wanted.
+     *
+     * @param path the file
+     * @throws IOException if it cannot be read
+     */
+    public TraceReader(Path path) throws IOException {
         this(path, Selection.ALL);
     }
 
@@ -71,8 +77,13 @@ final class TraceReader implements AutoCloseable {
         }
     }
 
-    /** Reads the next request, or gives null at the end of the trace. */
-    Request next() throws IOException {
+    /**
+     * Reads the next request.
+     *
+     * @return the request, or null at the end of the trace
+     * @throws IOException if the file cannot be read, or says what is no request
+     */
+    public Request next() throws IOException {
         while (true) {
             TraceFormat.Entry entry;
             try {

@@ -611,7 +611,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
     public void checkInvariants() {
         beginQuery("checkInvariants");
         try {
-            new InvariantCheck().run(handle);
+            InvariantCheck.run(handle);
         } finally {
             endQuery();
         }

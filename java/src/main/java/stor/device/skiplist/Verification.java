@@ -3,265 +3,413 @@ package stor.device.skiplist;
 import io.netty.buffer.ByteBuf;
 import io.netty.buffer.Unpooled;
 import java.util.Arrays;
+import java.util.HashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.Optional;
 import java.util.Random;
+import java.util.function.Supplier;
+import stor.device.skiplist.RangeModel.Held;
 
 /**
- * Random operations on a map of a few sectors, each followed by a comparison of the whole map with
- * a model that holds every sector on its own, and so knows nothing of ranges that are cut or
- * joined. The same seed makes the same operations.
+ * Random operations on two maps, each followed by a comparison of all that they answer and hold
+ * with a {@link RangeModel}, the reference counts of all buffers included. The same profile and
+ * seed make the same operations.
+ *
+ * <p>The maps stay small, so that most operations cut, join or replace something. File locations
+ * and expectations mostly follow from what is stored nearby: chance alone would hardly ever hit
+ * one.
  */
 final class Verification implements AutoCloseable {
-    private static final int HEIGHT = 6;
-    private static final int SECTOR_SIZE = 64;
-    private static final int SECTORS = 128;
-    private static final int LONGEST = 8;
-    // Reaches into negative offsets.
-    private static final long BASE = -(SECTORS / 2L) * SECTOR_SIZE;
+    private static final int LONGEST = 6;
+    private static final int[] HEIGHTS = {1, 4, 12};
 
+    private final Profile profile;
     private final Random random;
-    private final Sector[] sectors = new Sector[SECTORS];
-    private OffHeapRangeMap map = OffHeapRangeMap.create(HEIGHT, SECTOR_SIZE);
+    private final int height;
+    private final int sectorSize;
+    private final int unit;
+    private final boolean oddPlaces;
+    private final Pair[] pairs;
+    private final Map<Long, ByteBuf> buffers = new HashMap<>();
     private long writes;
-    private String description = "none";
+    private Supplier<String> description = () -> "none";
+    private Pair[] touched;
 
-    /**
-     * What is known of a sector.
-     *
-     * @param place where it lies
-     * @param memoryType whether it was inserted with a buffer
-     * @param write says what bytes it has if it still holds a buffer, otherwise 0
-     * @param piece is shared by those neighbours that have one buffer
-     */
-    private record Sector(FileLocation place, boolean memoryType, long write, long piece) {
-        Sector withoutBuffer() {
-            return new Sector(place, memoryType, 0, piece);
+    /** What the operations are like. */
+    enum Profile {
+        /** The native methods, ranges of no length and of no buffer among them. */
+        NATIVE(160, 0.25, 20, 0, 1L << 40, -(1L << 12)),
+        /** Ranges of whole sectors, on a device so large that the guard has to look. */
+        LAYER(96, 0, 10, -48, 1L << 40),
+        /** Mostly buffers, which are cut, copied and given back. */
+        BUFFERS(96, 0.1, 60, 0),
+        /** Ranges that begin and end anywhere in their sectors. */
+        CUTS(96, 0.5, 20, -48, 1L << 40),
+        /** Ranges that would be too long if they were joined, at places where they might be. */
+        LONG(24, 0.1, 5, 0, -12L << 28),
+        /** Both ends of all positions at once, and the middle. */
+        ENDS(32, 0.2, 10, Long.MIN_VALUE + 1, -16, Long.MAX_VALUE - 34);
+
+        private final int positions;
+        private final double jitter;
+        private final int bufferedPercent;
+        private final long[] bases;
+
+        Profile(int positions, double jitter, int bufferedPercent, long... bases) {
+            this.positions = positions;
+            this.jitter = jitter;
+            this.bufferedPercent = bufferedPercent;
+            this.bases = bases;
+        }
+
+        private int[] sectorSizes() {
+            return switch (this) {
+                case LONG -> new int[] {512, 1 << 29, 1 << 30};
+                case ENDS -> new int[] {1, 8};
+                default -> new int[] {1, 8, 64, 512};
+            };
+        }
+
+        private int unit(int sectorSize) {
+            return switch (this) {
+                case LONG -> 1 << 28;
+                case ENDS -> 1;
+                case LAYER -> sectorSize;
+                default -> Math.max(1, sectorSize / 4);
+            };
         }
     }
 
-    Verification(long seed) {
+    /** A map and what it should hold. */
+    record Pair(VerifiedMap map, RangeModel model) {
+    }
+
+    Verification(Profile profile, long seed) {
+        this.profile = profile;
         random = new Random(seed);
+        height = HEIGHTS[random.nextInt(HEIGHTS.length)];
+        int[] sectorSizes = profile.sectorSizes();
+        sectorSize = sectorSizes[random.nextInt(sectorSizes.length)];
+        unit = profile.unit(sectorSize);
+        oddPlaces = random.nextBoolean();
+        pairs = new Pair[] {newPair(), newPair()};
+        touched = pairs;
     }
 
     /** Says what the last operation was. */
     String description() {
-        return description;
+        return description.get();
     }
 
-    /** Gives the map, which lasts until the next step. */
-    OffHeapRangeMap map() {
-        return map;
+    /** Gives a map that operations are done to and its model. */
+    Pair pair() {
+        return pairs[0];
     }
 
     /** Does one operation. */
     void step() {
-        int start = random.nextInt(SECTORS);
-        int count = 1 + random.nextInt(Math.min(LONGEST, SECTORS - start));
-        int choice = random.nextInt(100);
-        if (choice < 40) {
-            insert(start, count, place(start));
-        } else if (choice < 65) {
-            insertWithBuffer(start, count, place(start));
-        } else if (choice < 80) {
-            compareAndSet(start, count, expectation(start, count), place(start));
-        } else if (choice < 95) {
-            compareAndRelease(start, count, expectation(start, count));
-        } else if (choice < 97) {
-            release();
+        int target = random.nextInt(pairs.length);
+        Pair pair = pairs[target];
+        Pair other = pairs[1 - target];
+        // What one map was told must not show in the other; a look from time to time tells that.
+        touched = random.nextInt(16) == 0 ? pairs : new Pair[] {pair};
+        MappedRange range = range(pair.model());
+        int choice = random.nextInt(1000);
+        // Copies to and fro multiply ranges of length 0, which no insert replaces.
+        if (choice < 10 || pair.model().all().size() > 160) {
+            description = () -> "close";
+            pair.map().close();
+            pairs[target] = newPair();
+            touched = pairs;
+        } else if (choice < 20) {
+            description = () -> "release";
+            requireEqual("released", pair.model().release(), pair.map().release());
+        } else if (choice < 40) {
+            touched = pairs;
+            both("copyTo", range, () -> {
+                pair.map().copyTo(other.map());
+                return null;
+            }, () -> {
+                pair.model().copyTo(other.model());
+                return null;
+            });
+        } else if (choice < 200) {
+            MappedRange expected = around(pair.model(), range);
+            both("compareAndRelease", expected, () -> pair.map().compareAndRelease(expected),
+                    () -> pair.model().compareAndRelease(expected));
+        } else if (choice < 380) {
+            MappedRange expected = at(range, expectation(pair.model(), range));
+            FileLocation to = range.location();
+            both("compareAndSet to " + to + " from", expected,
+                    () -> pair.map().compareAndSet(expected, to),
+                    () -> pair.model().compareAndSet(expected, to));
         } else {
-            moveToANewMap();
+            insert(pair, range);
         }
     }
 
     /**
-     * Compares everything.
+     * Compares everything that the last operation may have changed.
      *
      * @throws AssertionError if there is a difference
      */
     void compare() {
-        map.checkInvariants();
-        int[] next = new int[1];
-        map.forEach((offset, len, number, fileOffset, major, minor, range) -> {
-            int start = (int) ((offset - BASE) / SECTOR_SIZE);
-            requireUnmapped(next[0], start);
-            FileLocation place = new FileLocation(number, fileOffset, major, minor);
-            ByteBuf buffer = range.buffer();
-            for (int i = 0; i < len / SECTOR_SIZE; i++) {
-                compareSector(start + i, place.plus((long) i * SECTOR_SIZE, SECTOR_SIZE),
-                        range.isMemoryType(), buffer);
+        Map<Long, Integer> references = new HashMap<>();
+        for (Pair pair : touched) {
+            compareAll(pair);
+            query(pair);
+        }
+        for (Pair pair : pairs) {
+            for (Held held : pair.model().all()) {
+                if (held.isBuffered()) {
+                    references.merge(held.write(), 1, Integer::sum);
+                }
             }
-            next[0] = start + len / SECTOR_SIZE;
-        });
-        requireUnmapped(next[0], SECTORS);
+        }
+        compareReferences(references);
+        buffers.keySet().retainAll(references.keySet());
     }
 
+    /** Closes both maps; all buffers have to come back. */
     @Override
     public void close() {
-        map.close();
+        for (Pair pair : pairs) {
+            pair.map().close();
+        }
+        compareReferences(Map.of());
     }
 
-    private void insert(int start, int count, FileLocation place) {
-        describe("insert", start, count, place);
-        map.insert(offset(start), count * SECTOR_SIZE, place);
-        fill(start, count, place, false, 0);
+    private void insert(Pair pair, MappedRange range) {
+        // A buffered piece of a range with these versions could get to the empty location, where
+        // ranges are joined and no buffer says the bytes of both.
+        boolean memoryType = random.nextInt(100) < profile.bufferedPercent
+                && range.location().majorVer() != -1;
+        int len = memoryType && profile == Profile.LONG ? 1 + range.len() % 3 : range.len();
+        MappedRange added = new MappedRange(range.offset(), len, memoryType, range.location());
+        insert(pair, added, memoryType && (profile != Profile.NATIVE || random.nextInt(5) > 0));
     }
 
-    private void insertWithBuffer(int start, int count, FileLocation place) {
-        describe("insert with buffer", start, count, place);
-        long write = ++writes;
-        ByteBuf buffer = Unpooled.directBuffer(count * SECTOR_SIZE);
-        try {
-            for (int i = 0; i < count; i++) {
-                buffer.writeBytes(bytes(start + i, write));
-            }
-            map.insert(offset(start), count * SECTOR_SIZE, place, buffer);
-        } finally {
+    /** Inserts into a map and its model, with the bytes of a new write if there is a buffer. */
+    void insert(Pair pair, MappedRange added, boolean buffered) {
+        long write = buffered ? ++writes : RangeModel.NO_BUFFER;
+        ByteBuf buffer = buffered ? Unpooled.directBuffer(added.len())
+                .writeBytes(bytes(added.offset(), added.len(), write)) : null;
+        both("insert", added, () -> {
+            pair.map().insert(added, buffer);
+            return null;
+        }, () -> {
+            pair.model().insert(added, write);
+            return null;
+        });
+        if (buffered) {
             buffer.release();
-        }
-        fill(start, count, place, true, write);
-    }
-
-    private void fill(
-            int start, int count, FileLocation place, boolean memoryType, long write) {
-        for (int i = 0; i < count; i++) {
-            sectors[start + i] = new Sector(
-                    place.plus((long) i * SECTOR_SIZE, SECTOR_SIZE), memoryType, write, write);
+            buffers.put(write, buffer);
         }
     }
 
-    private void compareAndSet(
-            int start, int count, FileLocation expected, FileLocation replacement) {
-        describe("compareAndSet", start, count, expected);
-        boolean matched = false;
-        for (int i = 0; i < count; i++) {
-            long skip = (long) i * SECTOR_SIZE;
-            Sector sector = sectors[start + i];
-            if (sector != null && !sector.memoryType()
-                    && sector.place().equals(expected.plus(skip, SECTOR_SIZE))) {
-                matched = true;
-                sectors[start + i] =
-                        new Sector(replacement.plus(skip, SECTOR_SIZE), false, 0, 0);
-            }
-        }
-        require(matched, map.compareAndSet(
-                offset(start), count * SECTOR_SIZE, expected, replacement));
+    /** Does the same to a map and its model; both give the same, or refuse alike. */
+    private void both(String operation, MappedRange range, Supplier<?> map, Supplier<?> model) {
+        description = () -> operation + " " + range;
+        requireEqual("result", outcome(model), outcome(map));
     }
 
-    private void compareAndRelease(int start, int count, FileLocation expected) {
-        describe("compareAndRelease", start, count, expected);
-        long released = 0;
-        int from = start;
-        while (from < start + count) {
-            int to = from + 1;
-            while (to < start + count && isOnePiece(to - 1, to)) {
-                to++;
-            }
-            boolean whole = !isOnePiece(from - 1, from) && !isOnePiece(to - 1, to);
-            FileLocation there = expected.plus((long) (from - start) * SECTOR_SIZE, SECTOR_SIZE);
-            if (whole && isBuffered(from) && sectors[from].place().equals(there)) {
-                for (int i = from; i < to; i++) {
-                    sectors[i] = sectors[i].withoutBuffer();
-                }
-                released += (long) (to - from) * SECTOR_SIZE;
-            }
-            from = to;
-        }
-        require(released, map.compareAndRelease(offset(start), count * SECTOR_SIZE, expected));
-    }
-
-    private void release() {
-        description = "release";
-        long released = 0;
-        for (int i = 0; i < SECTORS; i++) {
-            if (isBuffered(i)) {
-                sectors[i] = sectors[i].withoutBuffer();
-                released += SECTOR_SIZE;
-            }
-        }
-        require(released, map.release());
-    }
-
-    private void moveToANewMap() {
-        description = "copyTo and close";
-        OffHeapRangeMap copy = OffHeapRangeMap.create(HEIGHT, SECTOR_SIZE);
+    private static Object outcome(Supplier<?> operation) {
         try {
-            map.copyTo(copy);
-        } finally {
-            map.close();
-            map = copy;
+            return Optional.ofNullable(operation.get());
+        } catch (IllegalArgumentException tooLong) {
+            return IllegalArgumentException.class;
         }
     }
 
-    private void compareSector(int index, FileLocation place, boolean memoryType, ByteBuf buffer) {
-        Sector expected = sectors[index];
-        if (expected == null) {
-            throw difference("sector " + index, "nothing", place);
+    private void compareReferences(Map<Long, Integer> references) {
+        buffers.forEach((write, buffer) -> {
+            int expected = references.getOrDefault(write, 0);
+            if (buffer.refCnt() != expected) {
+                throw difference("references to the buffer of write " + write, expected,
+                        buffer.refCnt());
+            }
+        });
+    }
+
+    private void compareAll(Pair pair) {
+        List<Held> expected = pair.model().all();
+        compareRun("range", expected, reader -> pair.map().forEach(reader), true);
+        RangeModel model = pair.model();
+        requireEqual("size, covered bytes, inserted bytes, inserts",
+                List.of((long) expected.size(), model.coveredBytes(), model.insertedBytes(),
+                        (long) model.insertCount()), pair.map().counters());
+    }
+
+    private void query(Pair pair) {
+        MappedRange query = range(pair.model());
+        compareRun("query of " + query.offset() + ", " + query.len() + ": range",
+                pair.model().find(query.offset(), query.len()),
+                reader -> pair.map().forEach(query.offset(), query.len(), reader), false);
+        if (pair.map() instanceof VerifiedMap.Layer layer) {
+            OffHeapRangeMap map = layer.map();
+            List<Held> all = pair.model().all();
+            long position = random.nextInt(8) > 0 ? query.offset() : random.nextLong();
+            requireEqual("first", found(all, 0), map.first());
+            requireEqual("last", found(all, all.size() - 1), map.last());
+            int after = 0;
+            while (after < all.size() && all.get(after).offset() < position) {
+                after++;
+            }
+            requireEqual("ceiling of " + position, found(all, after), map.ceiling(position));
+            boolean there = after < all.size() && all.get(after).offset() == position;
+            requireEqual("floor of " + position,
+                    found(all, there ? after : after - 1), map.floor(position));
         }
-        Sector found = new Sector(place, memoryType,
-                buffer == null ? 0 : expected.write(), expected.piece());
-        if (!found.equals(expected) || isBuffered(index) != (buffer != null)) {
-            throw difference("sector " + index, expected, found + " with " + buffer);
+    }
+
+    private static Optional<MappedRange> found(List<Held> all, int index) {
+        return index < 0 || index >= all.size()
+                ? Optional.empty() : Optional.of(all.get(index).range());
+    }
+
+    /** Makes a walk hand all its ranges to a reader. */
+    private interface Walk {
+        void to(VerifiedMap.Reader reader);
+    }
+
+    private static void compareRun(
+            String subject, List<Held> expected, Walk walk, boolean withBuffers) {
+        int[] count = new int[1];
+        walk.to((range, buffer) -> {
+            int i = count[0]++;
+            Held model = i < expected.size() ? expected.get(i) : null;
+            if (model == null || !model.range().equals(range)) {
+                throw difference(subject + " " + i, model == null ? "none" : model.range(), range);
+            }
+            if (withBuffers) {
+                compareBuffer(model, buffer);
+            }
+        });
+        if (count[0] < expected.size()) {
+            throw difference(subject + " " + count[0], expected.get(count[0]), "none");
+        }
+    }
+
+    private static void compareBuffer(Held model, ByteBuf buffer) {
+        if (model.isBuffered() != (buffer != null)) {
+            throw difference("buffer of " + model.range(),
+                    model.isBuffered() ? "one" : "none", buffer);
         }
         if (buffer != null) {
-            byte[] bytes = new byte[SECTOR_SIZE];
-            buffer.readBytes(bytes);
-            if (!Arrays.equals(bytes(index, expected.write()), bytes)) {
-                throw difference("sector " + index, "the bytes of write " + expected.write(),
-                        Arrays.toString(bytes));
+            // One bulk read: with leak detection on, every access to a buffer is recorded.
+            byte[] found = new byte[buffer.readableBytes()];
+            buffer.readBytes(found);
+            byte[] expected = bytes(model.offset(), model.len(), model.write());
+            int at = Arrays.mismatch(expected, found);
+            if (at >= 0) {
+                throw difference("bytes of " + model.range() + " from byte " + at,
+                        "those of write " + model.write(), "others, " + buffer);
             }
         }
     }
 
-    private void requireUnmapped(int from, int to) {
-        for (int i = from; i < to; i++) {
-            if (sectors[i] != null) {
-                throw difference("sector " + i, sectors[i], "nothing");
+    /** Draws a range, at a place that is empty, in line with what is stored around it, or new. */
+    private MappedRange range(RangeModel model) {
+        long offset = profile.bases[random.nextInt(profile.bases.length)]
+                + (long) unit * random.nextInt(profile.positions) + jitter();
+        long len = (long) unit * (1 + random.nextInt(LONGEST)) + jitter();
+        if (profile == Profile.NATIVE && random.nextInt(50) == 0) {
+            len = 0;
+        }
+        long room = offset > 0 ? Long.MAX_VALUE - 1 - offset : Integer.MAX_VALUE;
+        int fitting = (int) Math.min(len, Math.min(room, Integer.MAX_VALUE));
+        return new MappedRange(offset, fitting, false, place(model, offset, fitting));
+    }
+
+    private FileLocation place(RangeModel model, long offset, int len) {
+        int choice = random.nextInt(10);
+        if (choice < (profile == Profile.LONG ? 4 : 1)) {
+            return new FileLocation(number(), -1, -1, -1);
+        }
+        if (profile == Profile.LONG && oddPlaces && choice < 8) {
+            // One stretch through negative places, as far as 32 bits tell.
+            return new FileLocation(1, -(1 << 30), 1, 0).plus(offset, sectorSize);
+        }
+        List<Held> around = model.find(offset - 1, len == Integer.MAX_VALUE ? len : len + 1);
+        if (choice < 6 && !around.isEmpty() && (oddPlaces || profile != Profile.LONG)) {
+            MappedRange near = around.get(random.nextInt(around.size())).range();
+            FileLocation place = near.location().plus(offset - near.offset(), sectorSize);
+            if (oddPlaces || place.offset() >= 0 && !place.isUnversioned()) {
+                return place;
             }
         }
+        int fileOffset = oddPlaces ? random.nextInt() : random.nextInt(1 << 16);
+        return new FileLocation(number(), fileOffset, random.nextInt(2), 1);
     }
 
-    private boolean isOnePiece(int left, int right) {
-        return left >= 0 && right < SECTORS && sectors[left] != null && sectors[right] != null
-                && sectors[left].piece() != 0 && sectors[left].piece() == sectors[right].piece();
+    /** Gives where the range lies if some range stored in it is whole there, or a near miss. */
+    private FileLocation expectation(RangeModel model, MappedRange range) {
+        List<Held> stored = model.find(range.offset(), range.len());
+        if (stored.isEmpty()) {
+            return range.location();
+        }
+        MappedRange there = stored.get(random.nextInt(stored.size())).range();
+        FileLocation at = there.location();
+        int miss = random.nextInt(8) == 0 ? 1 : 0;
+        return at.isEmpty() ? at : new FileLocation(at.number(), miss + (int) (at.offset()
+                - FileLocation.fileDistance(there.offset() - range.offset(), sectorSize)),
+                at.majorVer(), at.minorVer());
     }
 
-    private boolean isBuffered(int index) {
-        return sectors[index] != null && sectors[index].write() != 0;
+    /** Gives a range that mostly reaches around whole stored ones, at the place of one of them. */
+    private MappedRange around(RangeModel model, MappedRange range) {
+        List<Held> stored = model.find(range.offset(), range.len());
+        MappedRange reach = range;
+        if (!stored.isEmpty() && random.nextInt(4) > 0) {
+            Held first = stored.get(random.nextInt(stored.size()));
+            Held last = stored.get(stored.size() - 1);
+            long len = (random.nextBoolean() ? first : last).end() - first.offset();
+            reach = new MappedRange(first.offset(), (int) Math.min(len, Integer.MAX_VALUE), false,
+                    range.location());
+        }
+        // The layer takes no range of no length.
+        return reach.len() == 0 ? range : at(reach, expectation(model, reach));
     }
 
-    /** Gives a place in line with all others of its file, so that neighbours join, or a new one. */
-    private FileLocation place(int start) {
-        int number = 199 + random.nextInt(2);
-        FileLocation file = new FileLocation(number, 1 << 20, random.nextInt(2), 7);
-        return random.nextInt(4) == 0
-                ? new FileLocation(number, random.nextInt(1 << 20), 2, 7)
-                : file.plus((long) start * SECTOR_SIZE, SECTOR_SIZE);
+    private static MappedRange at(MappedRange range, FileLocation location) {
+        return new MappedRange(range.offset(), range.len(), false, location);
     }
 
-    /** Gives what makes some sector of a run match, or something that follows from none. */
-    private FileLocation expectation(int start, int count) {
-        int other = start + random.nextInt(count);
-        return sectors[other] == null || random.nextInt(8) == 0
-                ? place(start)
-                : sectors[other].place().plus((long) (start - other) * SECTOR_SIZE, SECTOR_SIZE);
+    private int number() {
+        return random.nextBoolean() ? 3 : 200;
     }
 
-    private void describe(String operation, int start, int count, FileLocation place) {
-        description = operation + " of " + count + " sectors from " + start + " at " + place;
+    private int jitter() {
+        if (random.nextDouble() >= profile.jitter) {
+            return 0;
+        }
+        if (profile == Profile.LONG) {
+            // Some maps of whole sectors and low places, where the guard need not look.
+            return oddPlaces ? 1 : 0;
+        }
+        return random.nextInt(unit);
     }
 
-    private static long offset(int sector) {
-        return BASE + (long) sector * SECTOR_SIZE;
+    private Pair newPair() {
+        VerifiedMap map = profile == Profile.NATIVE
+                ? new VerifiedMap.Native(height, sectorSize)
+                : new VerifiedMap.Layer(height, sectorSize);
+        return new Pair(map, new RangeModel(sectorSize));
     }
 
-    private static byte[] bytes(int sector, long write) {
-        byte[] bytes = new byte[SECTOR_SIZE];
-        Arrays.fill(bytes, (byte) (write * 31 + sector));
+    /** Bytes that follow from their position and the write. */
+    private static byte[] bytes(long offset, int len, long write) {
+        byte[] bytes = new byte[len];
+        for (int i = 0; i < len; i++) {
+            bytes[i] = (byte) (write * 31 + offset + i);
+        }
         return bytes;
     }
 
-    private static void require(Object expected, Object found) {
+    private static void requireEqual(String subject, Object expected, Object found) {
         if (!expected.equals(found)) {
-            throw difference("result", expected, found);
+            throw difference(subject, expected, found);
         }
     }
 

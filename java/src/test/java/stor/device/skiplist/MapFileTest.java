@@ -17,6 +17,7 @@ import java.util.List;
 import java.util.Random;
 import java.util.zip.CRC32C;
 import org.junit.jupiter.api.Test;
+import stor.device.bench.Sweep;
 
 /** Maps in files: what was saved is loaded, and what is damaged is refused. */
 class MapFileTest {

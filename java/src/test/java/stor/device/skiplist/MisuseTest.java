@@ -2,7 +2,6 @@ package stor.device.skiplist;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertThrows;
-import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import io.netty.buffer.ByteBuf;
 import io.netty.buffer.Unpooled;
@@ -12,13 +11,10 @@ import io.netty.util.IllegalReferenceCountException;
 import java.util.ArrayList;
 import java.util.ConcurrentModificationException;
 import java.util.List;
-import java.util.concurrent.Callable;
-import java.util.concurrent.atomic.AtomicReference;
+import java.util.function.BiConsumer;
 import java.util.function.Consumer;
+import java.util.function.Supplier;
 import java.util.stream.Stream;
-import org.junit.jupiter.api.AfterEach;
-import org.junit.jupiter.api.BeforeEach;
-import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.extension.ExtendWith;
 import org.junit.jupiter.params.ParameterizedTest;
 import org.junit.jupiter.params.provider.MethodSource;
@@ -27,81 +23,39 @@ import org.junit.jupiter.params.provider.MethodSource;
 @ExtendWith(LeakHunt.class)
 class MisuseTest {
     private static final int LENGTH = 4096;
+    private static final int MOST = Integer.MAX_VALUE;
     private static final FileLocation AT = new FileLocation(3, 0, 1, 0);
     private static final OffHeapRangeMap.Visitor IGNORE = (o, l, n, f, major, minor, range) -> { };
     // A reference count of 1 that no test changes: such buffers need no release.
     private static final ByteBuf BUFFER =
             Unpooled.unreleasableBuffer(Unpooled.wrappedBuffer(new byte[LENGTH]));
 
-    private OffHeapRangeMap map;
-    private List<MappedRange> before;
-
     /** A call under its name. */
     record Call(String name, Consumer<OffHeapRangeMap> body) {
-        @Override
-        public String toString() {
-            return name;
-        }
     }
 
-    /** A call and what it throws. */
-    record Wrong(Call call, Class<? extends Exception> type, String message) {
+    /** A call, and what it throws; MAP stands for the map's name. */
+    record Misuse(String message, Class<? extends Throwable> type, Consumer<OffHeapRangeMap> body) {
         @Override
         public String toString() {
             return message;
         }
     }
 
-    /** A buffer of a stranger, who runs code of his own when it is retained. */
-    private static final class ForeignBuffer extends UnpooledHeapByteBuf {
-        private final Runnable onSlice;
-
-        ForeignBuffer(Runnable onSlice) {
-            super(UnpooledByteBufAllocator.DEFAULT, LENGTH, LENGTH);
-            this.onSlice = onSlice;
-            writeZero(LENGTH);
-        }
-
-        @Override
-        public ByteBuf retainedSlice() {
-            onSlice.run();
-            return super.retainedSlice();
-        }
-    }
-
-    @BeforeEach
-    void fill() {
-        map = OffHeapRangeMap.create(12, 512);
-        map.insert(0, LENGTH, AT);
-        map.insert(2L * LENGTH, LENGTH, AT);
-        before = map.ranges(0, 4 * LENGTH);
-    }
-
-    @AfterEach
-    void assertUnharmed() {
-        if (!map.isClosed()) {
-            assertEquals(before, map.ranges(0, 4 * LENGTH));
-            map.checkInvariants();
-            map.insert(LENGTH, LENGTH, AT, BUFFER);
-            map.close();
-        }
-        assertEquals(1, BUFFER.refCnt());
-    }
-
-    static List<Call> changes() {
+    private static List<Call> changes() {
         return List.of(
                 new Call("insert", map -> map.insert(0, LENGTH, AT)),
                 new Call("insert", map -> map.insert(0, LENGTH, AT, BUFFER)),
                 new Call("compareAndSet", map -> map.compareAndSet(0, LENGTH, AT, AT)),
                 new Call("compareAndRelease", map -> map.compareAndRelease(0, LENGTH, AT)),
                 new Call("release", OffHeapRangeMap::release),
-                new Call("copyTo", MisuseTest::copyInto));
+                new Call("copyTo", map -> withOther(map, (it, other) -> other.copyTo(it))));
     }
 
-    static List<Call> calls() {
+    private static List<Call> calls() {
         List<Call> calls = new ArrayList<>(changes());
         calls.addAll(List.of(
-                new Call("copyTo", MisuseTest::copyFrom),
+                new Call("copyTo", map -> withOther(map, OffHeapRangeMap::copyTo)),
                 new Call("forEach", map -> map.forEach(IGNORE)),
                 new Call("forEach", map -> map.forEach(0, LENGTH, IGNORE)),
                 new Call("ranges", map -> map.ranges(0, LENGTH)),
@@ -117,58 +71,30 @@ class MisuseTest {
         return calls;
     }
 
-    @ParameterizedTest
-    @MethodSource("calls")
-    void aClosedMapRefuses(Call call) {
-        map.close();
-        String closer = Thread.currentThread().getName();
-        assertThrowsText(IllegalStateException.class,
-                call.name() + ": " + map + ": closed by thread " + closer + " (expected: open)",
-                () -> call.body().accept(map));
+    /** Calls at a wrong time. */
+    static Stream<Misuse> untimely() {
+        String closer = ": MAP: closed by thread " + Thread.currentThread().getName()
+                + " (expected: open)";
+        Stream<Misuse> afterClose = calls().stream().map(call ->
+                new Misuse(call.name() + closer, IllegalStateException.class, map -> {
+                    map.close();
+                    map.close();
+                    call.body().accept(map);
+                }));
+        Stream<Misuse> visiting = Stream.concat(
+                changes().stream(), Stream.of(new Call("close", OffHeapRangeMap::close)))
+                .map(call -> concurrent(call.name()
+                        + ": MAP: called while it is being visited (expected: after the visit)",
+                        map -> visit(map, range -> call.body().accept(map))));
+        Stream<Misuse> calledBack = Stream.concat(
+                calls().stream(), Stream.of(new Call("close", OffHeapRangeMap::close)))
+                .map(call -> concurrent(call.name() + ": MAP: called back while it is being "
+                        + "changed (expected: after the change)",
+                        map -> callBack(map, call.body())));
+        return Stream.of(afterClose, visiting, calledBack).flatMap(misuse -> misuse);
     }
 
-    @Test
-    void closeTwiceIsQuiet() throws Exception {
-        map.close();
-        map.close();
-        InThread.call(() -> {
-            map.close();
-            return null;
-        });
-        assertTrue(map.isClosed());
-    }
-
-    static Stream<Call> changesAndClose() {
-        return Stream.concat(
-                changes().stream(), Stream.of(new Call("close", OffHeapRangeMap::close)));
-    }
-
-    @ParameterizedTest
-    @MethodSource("changesAndClose")
-    void aVisitorMayNotChangeItsMap(Call call) {
-        assertThrowsText(ConcurrentModificationException.class, call.name() + ": " + map
-                + ": called while it is being visited (expected: after the visit)",
-                () -> map.forEach((o, l, n, f, major, minor, range) -> call.body().accept(map)));
-    }
-
-    @ParameterizedTest
-    @MethodSource("calls")
-    void aBufferMayNotCallTheMapThatTakesIt(Call call) {
-        AtomicReference<Exception> thrown = new AtomicReference<>();
-        ByteBuf buffer = new ForeignBuffer(() -> thrown.set(
-                assertThrows(ConcurrentModificationException.class,
-                        () -> call.body().accept(map))));
-        map.insert(3L * LENGTH, LENGTH, AT, buffer);
-        assertEquals(call.name() + ": " + map
-                + ": called back while it is being changed (expected: after the change)",
-                thrown.get().getMessage());
-        map.compareAndRelease(3L * LENGTH, LENGTH, AT);
-        assertEquals(1, buffer.refCnt());
-        buffer.release();
-        before = map.ranges(0, 4 * LENGTH);
-    }
-
-    static Stream<Wrong> wrongRanges() {
+    static Stream<Misuse> wrongRanges() {
         return Stream.of(
                 wrongRange("len: -4096 (expected: > 0)", 0, -4096),
                 wrongRange("len: 0 (expected: > 0)", 0, 0),
@@ -176,10 +102,10 @@ class MisuseTest {
                         Long.MIN_VALUE, 1),
                 wrongRange("offset: 9223372036854771711, len: 4096 "
                         + "(expected: offset + len < 9223372036854775807)",
-                        Long.MAX_VALUE - LENGTH, LENGTH)).flatMap(List::stream);
+                        Long.MAX_VALUE - LENGTH, LENGTH)).flatMap(misuse -> misuse);
     }
 
-    private static List<Wrong> wrongRange(String message, long offset, int len) {
+    private static Stream<Misuse> wrongRange(String message, long offset, int len) {
         return Stream.of(
                 new Call("insert", map -> map.insert(offset, len, AT)),
                 new Call("insert", map -> map.insert(offset, len, AT, BUFFER)),
@@ -187,10 +113,10 @@ class MisuseTest {
                 new Call("compareAndRelease", map -> map.compareAndRelease(offset, len, AT)),
                 new Call("forEach", map -> map.forEach(offset, len, IGNORE)),
                 new Call("ranges", map -> map.ranges(offset, len)))
-                .map(call -> illegal(call.name() + ": " + message, call.body())).toList();
+                .map(call -> illegal(call.name() + ": " + message, call.body()));
     }
 
-    static Stream<Wrong> wrongArguments() {
+    static Stream<Misuse> wrongArguments() {
         return Stream.of(
                 illegal("create: height: 0 (expected: 1 to 64)",
                         map -> OffHeapRangeMap.create(0, 512)),
@@ -206,14 +132,21 @@ class MisuseTest {
                         map -> new FileLocation(256, 0, 0, 0)),
                 illegal("plus: sectorSize: 0 (expected: 1 to 1073741824)", map -> AT.plus(1, 0)),
                 illegal("setLimit: bytes: 0 (expected: > 0)", map -> NativeMemory.setLimit(0)),
-                illegal("insert: location: FileLocation[number=0, offset=-1, majorVer=-1, "
+                illegal("insert: location: FileLocation[number=0, offset=5, majorVer=-1, "
                         + "minorVer=-1] with a buffer (expected: a version other than -1, or no "
                         + "buffer)",
-                        map -> map.insert(0, LENGTH, FileLocation.EMPTY, BUFFER)),
-                illegal("insert: buffer: 100 readable bytes (expected: >= 4096)",
-                        map -> map.insert(0, LENGTH, AT, Unpooled.wrappedBuffer(new byte[100]))),
+                        map -> map.insert(0, LENGTH, new FileLocation(0, 5, -1, -1), BUFFER)),
+                illegal("insert: buffer: 4096 readable bytes (expected: >= 4097)",
+                        map -> map.insert(0, LENGTH + 1, AT, BUFFER)),
                 illegal("insert: buffer: reference count 0 (expected: >= 1)",
                         map -> map.insert(0, LENGTH, AT, released())),
+                illegal("insert: offset: 4096, len: 2147483647: continues stored ranges to "
+                        + "2147487743 bytes (expected: <= 2147483647)", map -> {
+                            map.insert(LENGTH + (long) MOST - 1, LENGTH + 1, FileLocation.EMPTY);
+                            map.insert(LENGTH, MOST, FileLocation.EMPTY);
+                        }),
+                illegal("copyTo: destination: MAP (expected: another map)",
+                        map -> map.copyTo(map)),
                 nothing("insert: location", map -> map.insert(0, 1, null)),
                 nothing("insert: location", map -> map.insert(0, 1, null, BUFFER)),
                 nothing("insert: buffer", map -> map.insert(0, 1, AT, null)),
@@ -225,77 +158,104 @@ class MisuseTest {
                 nothing("forEach: visitor", map -> map.forEach(0, 1, null)));
     }
 
-    @ParameterizedTest
-    @MethodSource({"wrongRanges", "wrongArguments"})
-    void aWrongArgumentIsRefused(Wrong wrong) {
-        assertThrowsText(wrong.type(), wrong.message(), () -> wrong.call().body().accept(map));
-    }
-
-    @Test
-    void aMapIsNotCopiedIntoItself() {
-        assertThrowsText(IllegalArgumentException.class,
-                "copyTo: destination: " + map + " (expected: another map)", () -> map.copyTo(map));
-    }
-
-    @Test
-    void aVisitedRangeEndsWithItsWalk() {
-        AtomicReference<OffHeapRangeMap.Visited> kept = new AtomicReference<>();
-        map.forEach((o, l, n, f, major, minor, range) -> kept.set(range));
-        assertStale(() -> kept.get().buffer());
-        assertStale(() -> kept.get().retainedBuffer());
-        map.insert(LENGTH, LENGTH, AT, BUFFER);
-        assertStale(() -> kept.get().isMemoryType());
-        before = map.ranges(0, 4 * LENGTH);
-    }
-
-    @Test
-    void aVisitedRangeBelongsToItsThread() {
-        map.forEach((o, l, n, f, major, minor, range) -> assertStale(() -> call(() -> {
-            range.isMemoryType();
-            return null;
-        })));
-    }
-
-    @Test
-    void anExceptionOfAVisitorEndsTheWalkOnly() {
-        assertThrowsText(IllegalStateException.class, "enough",
-                () -> map.forEach((o, l, n, f, major, minor, range) -> {
+    /** What visitors and buffers should not do. */
+    static Stream<Misuse> badManners() {
+        String stale = "visited range: used outside its visit (expected: only in visit())";
+        return Stream.of(
+                concurrent(stale, map -> keep(map).buffer()),
+                concurrent(stale, map -> keep(map).retainedBuffer()),
+                concurrent(stale, map -> keep(map).isMemoryType()),
+                concurrent(stale, map -> visit(map, range -> InThread.join(
+                        InThread.start(range::isMemoryType)))),
+                new Misuse("enough", IllegalStateException.class, map -> visit(map, range -> {
                     throw new IllegalStateException("enough");
-                }));
+                })),
+                new Misuse("Buff::Buff JNI CallObjectMethod(byte_buf_retained_slice) failed",
+                        RuntimeException.class, map -> map.insert(0, LENGTH, AT,
+                                new ForeignBuffer(UnsupportedOperationException::new))),
+                new Misuse("refCnt: 0, decrement: 1", IllegalReferenceCountException.class,
+                        map -> {
+                            ByteBuf buffer = Unpooled.wrappedBuffer(new byte[LENGTH]);
+                            map.insert(3L * LENGTH, LENGTH, AT, buffer);
+                            buffer.release(2);
+                            // Completes all the same.
+                            map.release();
+                        }));
     }
 
-    @Test
-    void aBufferThatCannotBeSlicedIsNotStored() {
-        ByteBuf buffer = new ForeignBuffer(() -> {
-            throw new UnsupportedOperationException();
-        });
-        assertThrows(RuntimeException.class, () -> map.insert(0, LENGTH, AT, buffer));
-        assertEquals(1, buffer.refCnt());
-        buffer.release();
+    @ParameterizedTest
+    @MethodSource({"untimely", "wrongRanges", "wrongArguments", "badManners"})
+    void misuseIsRefusedAndHarmsNothing(Misuse misuse) {
+        try (OffHeapRangeMap map = OffHeapRangeMap.create(12, 512)) {
+            map.insert(0, LENGTH, AT);
+            map.insert(2L * LENGTH, LENGTH, AT);
+            List<MappedRange> before = map.ranges(0, 3 * LENGTH);
+            Throwable thrown = assertThrows(misuse.type(), () -> misuse.body().accept(map));
+            assertEquals(misuse.message().replace("MAP", map.toString()), thrown.getMessage());
+            if (!map.isClosed()) {
+                assertEquals(before, map.ranges(0, 3 * LENGTH));
+                map.checkInvariants();
+                map.insert(LENGTH, LENGTH, AT, BUFFER);
+            }
+        }
+        assertEquals(1, BUFFER.refCnt());
     }
 
-    @Test
-    void aBorrowedBufferThatWasReleasedIsReportedWhenTheMapGivesItBack() {
-        ByteBuf buffer = Unpooled.wrappedBuffer(new byte[LENGTH]);
-        map.insert(3L * LENGTH, LENGTH, AT, buffer);
-        map.forEach(3L * LENGTH, LENGTH, (o, l, n, f, major, minor, range) -> {
-            range.buffer().release();
-            buffer.release();
-        });
-        assertThrows(IllegalReferenceCountException.class,
-                () -> map.insert(3L * LENGTH, LENGTH, AT));
-        before = map.ranges(0, 4 * LENGTH);
-    }
+    /** A buffer of a stranger, who throws when it is retained. */
+    private static final class ForeignBuffer extends UnpooledHeapByteBuf {
+        private final Supplier<RuntimeException> onSlice;
 
-    private static void copyInto(OffHeapRangeMap map) {
-        try (OffHeapRangeMap other = OffHeapRangeMap.create(1, 512)) {
-            other.copyTo(map);
+        ForeignBuffer(Supplier<RuntimeException> onSlice) {
+            super(UnpooledByteBufAllocator.DEFAULT, LENGTH, LENGTH);
+            this.onSlice = onSlice;
+            writeZero(LENGTH);
+        }
+
+        @Override
+        public ByteBuf retainedSlice() {
+            throw onSlice.get();
         }
     }
 
-    private static void copyFrom(OffHeapRangeMap map) {
+    /** Calls a map from inside a buffer that it is about to take, and throws what that throws. */
+    private static void callBack(OffHeapRangeMap map, Consumer<OffHeapRangeMap> call) {
+        List<RuntimeException> thrown = new ArrayList<>();
+        ByteBuf buffer = new ForeignBuffer(() -> {
+            thrown.add(assertThrows(RuntimeException.class, () -> call.accept(map)));
+            return thrown.get(0);
+        });
+        assertThrows(RuntimeException.class, () -> map.insert(3L * LENGTH, LENGTH, AT, buffer));
+        assertEquals(1, buffer.refCnt());
+        throw thrown.get(0);
+    }
+
+    /** What a visitor does with a range. */
+    private interface Use {
+        void of(OffHeapRangeMap.Visited range) throws Exception;
+    }
+
+    private static void visit(OffHeapRangeMap map, Use use) {
+        map.forEach((o, l, n, f, major, minor, range) -> {
+            try {
+                use.of(range);
+            } catch (RuntimeException e) {
+                throw e;
+            } catch (Exception e) {
+                throw new AssertionError(e);
+            }
+        });
+    }
+
+    private static OffHeapRangeMap.Visited keep(OffHeapRangeMap map) {
+        List<OffHeapRangeMap.Visited> kept = new ArrayList<>();
+        visit(map, kept::add);
+        return kept.get(0);
+    }
+
+    private static void withOther(
+            OffHeapRangeMap map, BiConsumer<OffHeapRangeMap, OffHeapRangeMap> body) {
         try (OffHeapRangeMap other = OffHeapRangeMap.create(1, 512)) {
-            map.copyTo(other);
+            body.accept(map, other);
         }
     }
 
@@ -305,32 +265,16 @@ class MisuseTest {
         return buffer;
     }
 
-    private static Wrong illegal(String message, Consumer<OffHeapRangeMap> body) {
-        return new Wrong(new Call(message, body), IllegalArgumentException.class, message);
+    private static Misuse illegal(String message, Consumer<OffHeapRangeMap> body) {
+        return new Misuse(message, IllegalArgumentException.class, body);
     }
 
-    private static Wrong nothing(String argument, Consumer<OffHeapRangeMap> body) {
-        String message = argument + ": null (expected: not null)";
-        return new Wrong(new Call(message, body), NullPointerException.class, message);
+    private static Misuse concurrent(String message, Consumer<OffHeapRangeMap> body) {
+        return new Misuse(message, ConcurrentModificationException.class, body);
     }
 
-    private static void assertStale(Runnable use) {
-        assertThrowsText(ConcurrentModificationException.class,
-                "visited range: used outside its visit (expected: only in visit())", use);
-    }
-
-    private static void assertThrowsText(
-            Class<? extends Exception> type, String message, Runnable call) {
-        assertEquals(message, assertThrows(type, call::run).getMessage());
-    }
-
-    private static void call(Callable<Void> body) {
-        try {
-            InThread.call(body);
-        } catch (RuntimeException e) {
-            throw e;
-        } catch (Exception e) {
-            throw new AssertionError(e);
-        }
+    private static Misuse nothing(String argument, Consumer<OffHeapRangeMap> body) {
+        return new Misuse(
+                argument + ": null (expected: not null)", NullPointerException.class, body);
     }
 }

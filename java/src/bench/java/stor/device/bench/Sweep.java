@@ -1,4 +1,6 @@
-package stor.device.skiplist;
+package stor.device.bench;
+
+import stor.device.skiplist.NativeMemory;
 
 /** Reads the native bytes in use as they are now, not as of the last sweep. */
 public final class Sweep {

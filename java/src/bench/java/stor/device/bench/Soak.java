@@ -1,4 +1,4 @@
-package stor.device.replay;
+package stor.device.bench;
 
 import java.io.IOException;
 import java.lang.management.ManagementFactory;
@@ -16,8 +16,10 @@ import java.util.stream.LongStream;
 import java.util.stream.Stream;
 import javax.management.JMException;
 import javax.management.ObjectName;
+import stor.device.replay.Replay;
+import stor.device.replay.ReplayOptions;
+import stor.device.replay.Request;
 import stor.device.replay.Request.Kind;
-import stor.device.skiplist.Sweep;
 import stor.device.store.StoreStats;
 
 /**
@@ -108,8 +110,7 @@ public final class Soak {
 
     private static boolean run(int minutes) throws Exception {
         Path folder = Files.createTempDirectory("soak-");
-        Replay replay = new Replay(ReplayOptions.parse(OPTIONS.toArray(String[]::new)), folder,
-                new StopSignal());
+        Replay replay = new Replay(ReplayOptions.parse(OPTIONS.toArray(String[]::new)), folder);
         long referencesBefore = globalReferences();
         List<long[]> samples;
         try (replay) {

@@ -1,4 +1,4 @@
-package stor.device.skiplist;
+package stor.device.bench;
 
 import io.netty.buffer.ByteBuf;
 import io.netty.buffer.Unpooled;
@@ -6,10 +6,9 @@ import java.io.IOException;
 import java.nio.file.Path;
 import java.util.Arrays;
 import java.util.List;
-import stor.device.bench.Operation;
-import stor.device.bench.Summary;
-import stor.device.bench.Workloads;
-import stor.device.replay.Location;
+import stor.device.skiplist.FileLocation;
+import stor.device.skiplist.JniSkipListNative;
+import stor.device.skiplist.OffHeapRangeMap;
 
 /**
  * Measures what a map costs more than its native methods: replays a recorded trace through both by
@@ -97,7 +96,7 @@ public final class LayerCost {
         for (Operation operation : operations) {
             long offset = operation.offset();
             int length = operation.length();
-            Location at = operation.at();
+            FileLocation at = operation.at();
             if (operation.isQuery()) {
                 long[] run = JniSkipListNative.getNodes(map, offset, length);
                 for (long node = run[0]; node != run[1]; node = JniSkipListNative.nextNode(node)) {
@@ -109,14 +108,14 @@ public final class LayerCost {
                             + JniSkipListNative.getNodeFileMinorVer(node);
                 }
             } else if (!buffered || at.isEmpty()) {
-                JniSkipListNative.insert(
-                        map, offset, length, at.offset(), at.major(), at.minor(), at.number());
+                JniSkipListNative.insert(map, offset, length, at.offset(), at.majorVer(),
+                        at.minorVer(), (byte) at.number());
             } else {
-                JniSkipListNative.insertWithBuff(map, offset, length, at.offset(), at.major(),
-                        at.minor(), at.number(), bytes.slice(0, length));
+                JniSkipListNative.insertWithBuff(map, offset, length, at.offset(), at.majorVer(),
+                        at.minorVer(), (byte) at.number(), bytes.slice(0, length));
                 if (++writes % RELEASE_INTERVAL == 0) {
-                    JniSkipListNative.compareAndRelease(
-                            map, offset, length, at.offset(), at.major(), at.minor(), at.number());
+                    JniSkipListNative.compareAndRelease(map, offset, length, at.offset(),
+                            at.majorVer(), at.minorVer(), (byte) at.number());
                 }
             }
         }
@@ -133,13 +132,13 @@ public final class LayerCost {
             for (Operation operation : operations) {
                 long offset = operation.offset();
                 int length = operation.length();
-                Location at = operation.at();
+                FileLocation at = operation.at();
                 if (operation.isQuery()) {
                     map.forEach(offset, length, visitor);
                     continue;
                 }
                 FileLocation place = new FileLocation(
-                        Byte.toUnsignedInt(at.number()), at.offset(), at.major(), at.minor());
+                        at.number(), at.offset(), at.majorVer(), at.minorVer());
                 if (!buffered || at.isEmpty()) {
                     map.insert(offset, length, place);
                 } else {

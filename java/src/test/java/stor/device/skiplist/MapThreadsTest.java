@@ -5,85 +5,28 @@ import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import io.netty.buffer.ByteBuf;
-import io.netty.buffer.PooledByteBufAllocator;
 import io.netty.buffer.Unpooled;
-import java.nio.charset.StandardCharsets;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.FutureTask;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.extension.ExtendWith;
-import org.junit.jupiter.params.ParameterizedTest;
-import org.junit.jupiter.params.provider.CsvSource;
 
-/** The end of maps: closed under running calls, collected under them, or lost. */
+/** Maps that several threads use, close or copy at once, and one that only a call still needs. */
 @ExtendWith(LeakHunt.class)
-class MapLifetimeTest {
+class MapThreadsTest {
     private static final int THREADS = 4;
     private static final int ROUNDS = 50;
     private static final int LENGTH = 512;
     private static final FileLocation AT = new FileLocation(3, 0, 1, 0);
-
-    /** Loses a map in a JVM of its own, and waits until its buffer has been given back. */
-    public static final class Loser {
-        private Loser() {
-        }
-
-        /** Prints the warnings of the leak to the error stream. */
-        public static void main(String[] args) throws InterruptedException {
-            ByteBuf buffer = Unpooled.wrappedBuffer(new byte[LENGTH]);
-            loseAMap(buffer);
-            while (buffer.refCnt() > 1) {
-                System.gc();
-                Thread.sleep(1);
-            }
-            // The warning follows at once, on a daemon thread that would end with this one.
-            Thread.sleep(200);
-            System.out.println("given back");
-        }
-
-        private static void loseAMap(ByteBuf buffer) {
-            OffHeapRangeMap.create(4, LENGTH).insert(0, LENGTH, AT, buffer);
-        }
-    }
-
-    /** Loses a buffer that a map once took, in a JVM of its own, until Netty reports it. */
-    public static final class BufferLoser {
-        private BufferLoser() {
-        }
-
-        /** Prints Netty's report to the error stream. */
-        public static void main(String[] args) throws InterruptedException {
-            storeABuffer();
-            // Netty keeps a slice for reuse, and with it the buffer that it was cut from.
-            storeABuffer().release();
-            LeakHunt.hunt();
-        }
-
-        private static ByteBuf storeABuffer() {
-            ByteBuf buffer = PooledByteBufAllocator.DEFAULT.buffer().writeZero(LENGTH);
-            try (OffHeapRangeMap map = OffHeapRangeMap.create(4, LENGTH)) {
-                map.insert(0, LENGTH, AT, buffer);
-            }
-            return buffer;
-        }
-    }
-
-    @Test
-    void nettysReportOnALostBufferNamesTheMapThatTookIt() throws Exception {
-        String output = output("-Dio.netty.leakDetection.level=paranoid",
-                "-cp", System.getProperty("java.class.path"), BufferLoser.class.getName());
-        assertTrue(output.contains("LEAK: ByteBuf.release() was not called")
-                && output.contains("Hint: OffHeapRangeMap#1"), output);
-    }
 
     @Test
     void threadsMayShareAMap() throws Exception {
         ByteBuf buffer = Unpooled.wrappedBuffer(new byte[LENGTH]);
         try (OffHeapRangeMap map = OffHeapRangeMap.create(12, LENGTH)) {
             inThreads(THREADS, thread -> {
-                for (int i = 0; i < 2000; i++) {
+                for (int i = 0; i < 1000; i++) {
                     long offset = (long) LENGTH * ((i * 31 + thread * 7) % 64);
                     map.insert(offset, LENGTH, AT, buffer);
                     map.insert(offset + LENGTH, LENGTH, AT);
@@ -94,7 +37,7 @@ class MapLifetimeTest {
                 }
             });
             map.checkInvariants();
-            assertEquals(THREADS * 4000, map.insertCount());
+            assertEquals(THREADS * 2000, map.insertCount());
         }
         assertEquals(1, buffer.refCnt());
     }
@@ -107,14 +50,30 @@ class MapLifetimeTest {
             b.insert(2 * LENGTH, LENGTH, AT);
             inThreads(THREADS, thread -> {
                 for (int i = 0; i < 2000; i++) {
-                    if (thread % 2 == 0) {
-                        a.copyTo(b);
-                    } else {
-                        b.copyTo(a);
-                    }
+                    (thread % 2 == 0 ? a : b).copyTo(thread % 2 == 0 ? b : a);
                 }
             });
             assertEquals(a.ranges(0, 4 * LENGTH), b.ranges(0, 4 * LENGTH));
+        }
+    }
+
+    /** Two copies that wait for each other's second map would wait for ever. */
+    @Test
+    void aCopyThatWaitsForTheFirstOfTwoMapsDoesNotHoldTheOther() throws Exception {
+        try (OffHeapRangeMap first = OffHeapRangeMap.create(4, LENGTH);
+                OffHeapRangeMap second = OffHeapRangeMap.create(4, LENGTH)) {
+            first.insert(0, LENGTH, AT);
+            List<Blocked> threads = new ArrayList<>();
+            first.forEach((o, l, n, f, major, minor, range) -> {
+                Blocked copy = new Blocked(() -> second.copyTo(first));
+                assertTrue(copy.waits());
+                Blocked other = new Blocked(second::size);
+                threads.addAll(List.of(copy, other));
+                assertFalse(other.waits());
+            });
+            for (Blocked thread : threads) {
+                thread.thread.join();
+            }
         }
     }
 
@@ -124,21 +83,21 @@ class MapLifetimeTest {
             ByteBuf buffer = Unpooled.wrappedBuffer(new byte[LENGTH]);
             OffHeapRangeMap map = OffHeapRangeMap.create(12, LENGTH);
             CountDownLatch working = new CountDownLatch(THREADS);
-            List<FutureTask<Object>> workers = new ArrayList<>();
+            List<FutureTask<String>> workers = new ArrayList<>();
             for (int thread = 0; thread < THREADS; thread++) {
                 workers.add(InThread.start(() -> useUntilClosed(map, buffer, working)));
             }
             working.await();
             inThreads(2, thread -> map.close());
-            for (FutureTask<Object> worker : workers) {
-                String refusal = (String) InThread.join(worker);
+            for (FutureTask<String> worker : workers) {
+                String refusal = InThread.join(worker);
                 assertTrue(refusal.contains(": closed by thread "), refusal);
             }
             assertEquals(1, buffer.refCnt());
         }
     }
 
-    private static Object useUntilClosed(
+    private static String useUntilClosed(
             OffHeapRangeMap map, ByteBuf buffer, CountDownLatch working) {
         try {
             for (int i = 0;; i++) {
@@ -155,33 +114,15 @@ class MapLifetimeTest {
     void closeWaitsForTheCallInProgress() throws Exception {
         OffHeapRangeMap map = OffHeapRangeMap.create(4, LENGTH);
         map.insert(0, LENGTH, AT);
-        List<FutureTask<Object>> closer = new ArrayList<>();
+        List<Blocked> closer = new ArrayList<>();
         map.forEach((o, l, n, f, major, minor, range) -> {
-            Thread[] thread = new Thread[1];
-            CountDownLatch started = new CountDownLatch(1);
-            closer.add(InThread.start(() -> {
-                thread[0] = Thread.currentThread();
-                started.countDown();
-                map.close();
-                return null;
-            }));
-            awaitBlocked(started, thread);
+            closer.add(new Blocked(map::close));
+            assertTrue(closer.get(0).waits());
             assertFalse(map.isClosed());
             assertFalse(range.isMemoryType());
         });
-        InThread.join(closer.get(0));
+        closer.get(0).thread.join();
         assertTrue(map.isClosed());
-    }
-
-    private static void awaitBlocked(CountDownLatch started, Thread[] thread) {
-        try {
-            started.await();
-        } catch (InterruptedException e) {
-            throw new AssertionError(e);
-        }
-        while (thread[0].getState() != Thread.State.WAITING) {
-            Thread.onSpinWait();
-        }
     }
 
     @Test
@@ -219,26 +160,24 @@ class MapLifetimeTest {
         return visits[0];
     }
 
-    @ParameterizedTest
-    @CsvSource({"always, true, true", "sampled, true, true", "off, false, false",
-            "frequently, true, true"})
-    void aLostMapIsFreedAndReported(String level, boolean reported, boolean sited)
-            throws Exception {
-        String output = output("-Dskiplist.leakDetection=" + level,
-                "-cp", System.getProperty("java.class.path"), Loser.class.getName());
-        assertTrue(output.contains("given back"), output);
-        assertEquals(
-                reported, output.contains("OffHeapRangeMap#1 was never closed"), output);
-        assertEquals(sited, output.contains("loseAMap"), output);
-        assertEquals(level.equals("frequently"), output.contains(
-                "skiplist.leakDetection: frequently (expected: off, sampled or always)"), output);
-    }
+    /** A call on a thread of its own, which may have to wait for a lock. */
+    private static final class Blocked {
+        private final Thread thread;
 
-    private static String output(String... args) throws Exception {
-        Process jvm = StrictJvm.start(List.of(args));
-        String output = new String(jvm.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
-        assertEquals(0, jvm.waitFor(), output);
-        return output;
+        Blocked(Runnable call) {
+            thread = new Thread(call);
+            thread.start();
+        }
+
+        /** Tells whether it waits, when it either does or has ended. */
+        boolean waits() {
+            Thread.State state = thread.getState();
+            while (state != Thread.State.WAITING && state != Thread.State.TERMINATED) {
+                Thread.onSpinWait();
+                state = thread.getState();
+            }
+            return state == Thread.State.WAITING;
+        }
     }
 
     /** What a thread does. */

@@ -1,0 +1,331 @@
+package stor.device.skiplist;
+
+import static org.junit.jupiter.api.Assertions.assertAll;
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import io.netty.buffer.ByteBuf;
+import io.netty.buffer.PooledByteBufAllocator;
+import io.netty.buffer.Unpooled;
+import java.io.File;
+import java.net.MalformedURLException;
+import java.net.URL;
+import java.net.URLClassLoader;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import java.util.Random;
+import java.util.concurrent.CountDownLatch;
+import java.util.jar.Attributes;
+import java.util.jar.JarFile;
+import java.util.stream.Stream;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.io.TempDir;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.CsvSource;
+import org.junit.jupiter.params.provider.MethodSource;
+
+/** What only the output and the end of a whole JVM can show: loading, losing, exiting. */
+class ChildJvmTest {
+    private static final String PROPERTY = "skiplist.native.library";
+    private static final Path LIBRARY = Path.of(System.getProperty("skiplist.test.library"));
+    private static final Path PROJECT = Path.of(System.getProperty("skiplist.test.project"));
+    private static final Path TUTORIAL =
+            PROJECT.resolve("java/src/test/java/stor/device/skiplist/Tutorial.java");
+    private static final String CLASS_PATH = System.getProperty("java.class.path");
+    private static final String USER_PATH = System.getProperty("skiplist.test.user.path");
+    private static final int EXITS = Integer.getInteger("skiplist.test.exits", 15);
+
+    @TempDir
+    private static Path folder;
+
+    /** A JVM in an empty folder, how it ends, and what it says; a text after "not " is not said. */
+    record Child(int status, List<String> args, List<String> texts) {
+        @Override
+        public String toString() {
+            return texts.toString();
+        }
+    }
+
+    static Stream<Child> children() {
+        String tmpdir = "-Dskiplist.native.tmpdir=" + folder;
+        String missing = "-Dskiplist.native.tmpdir=" + folder.resolve("missing");
+        String leaks = "-Dskiplist.leakDetection=";
+        String lost = "OffHeapRangeMap#1 was never closed";
+        return Stream.of(
+                loading(0, List.of(tmpdir), "loaded: 0\n"),
+                loading(0, List.of(missing, "-Djava.library.path=" + LIBRARY.getParent()),
+                        "loaded: 0\n"),
+                loading(1, List.of(missing, "-Djava.library.path=/"),
+                        "load native library: native/linux-x86_64/libskiplistjni.so of the jar, "
+                                + "copied to " + folder.resolve("missing") + " (property "
+                                + "skiplist.native.tmpdir): cannot create a file there: "
+                                + "java.nio.file.NoSuchFileException",
+                        "\n  skiplistjni on java.library.path=/: no skiplistjni in "
+                                + "java.library.path: /\n  set the property " + PROPERTY
+                                + " to the absolute path of libskiplistjni.so\n",
+                        "Suppressed: java.io.IOException"),
+                loading(1, List.of("-D" + PROPERTY + "=/missing.so",
+                        "-Djava.library.path=" + LIBRARY.getParent()), "load native library: "
+                                + "/missing.so (property " + PROPERTY + "): Can't load library"),
+                loading(1, List.of("-D" + PROPERTY + "=" + anotherLibrary()),
+                        "load native library: " + anotherLibrary()),
+                loading(0, List.of("-Dagain=true", tmpdir), "loaded: 0\nagain: true 0\n"),
+                loading(1, List.of("-Dagain=true", "-D" + PROPERTY + "=" + LIBRARY),
+                        "already loaded in another classloader; leave " + PROPERTY
+                                + " unset, so that each class loader loads a copy of its own"),
+                child(0, Loser.class, List.of(leaks + "always"), "given back", lost, "loseAMap"),
+                child(0, Loser.class, List.of(leaks + "sampled"), "given back", lost, "loseAMap"),
+                child(0, Loser.class, List.of(leaks + "off"), "given back", "not " + lost),
+                child(0, Loser.class, List.of(leaks + "frequently"), "given back", lost,
+                        "skiplist.leakDetection: frequently (expected: off, sampled or always)"),
+                child(0, BufferLoser.class, List.of("-Dio.netty.leakDetection.level=paranoid"),
+                        "LEAK: ByteBuf.release() was not called", "Hint: OffHeapRangeMap#1"),
+                new Child(0, List.of("-cp", USER_PATH, TUTORIAL.toString()), List.of(
+                        "0: 4096 bytes in file 3 at 0\n"
+                                + "4096: 512 bytes in file 4 at 0, and in memory\n")),
+                new Child(0, List.of("-cp", USER_PATH, Verifier.class.getName(), "0", "42"),
+                        List.of("PASS: 1000 operations, seeds 42 to 42, Java ")),
+                new Child(2, List.of("-cp", USER_PATH, Verifier.class.getName(), "soon"),
+                        List.of("usage: Verifier", "'soon' (expected: a number from 0 to ")));
+    }
+
+    private static Child child(
+            int status, Class<?> main, List<String> properties, String... texts) {
+        List<String> args = new ArrayList<>(properties);
+        args.addAll(List.of("-cp", CLASS_PATH, main.getName()));
+        return new Child(status, args, List.of(texts));
+    }
+
+    private static Child loading(int status, List<String> properties, String... texts) {
+        return child(status, Loader.class, properties, texts);
+    }
+
+    private static Path anotherLibrary() {
+        return Path.of(System.getProperty("java.home"), "lib", "libzip.so");
+    }
+
+    @ParameterizedTest(name = "{index}")
+    @MethodSource("children")
+    void aJvmEndsAndSaysWhatItShould(Child child) throws Exception {
+        StrictJvm.Ended ended = StrictJvm.run(folder, child.args());
+        assertAll(child.toString(), Stream.concat(
+                Stream.of(() -> assertEquals(child.status(), ended.status(), ended.output())),
+                child.texts().stream().map(text -> () -> assertTrue(text.startsWith("not ")
+                        ? !ended.output().contains(text.substring(4))
+                        : ended.output().contains(text), text + " in: " + ended.output()))));
+        assertNothingLeft();
+    }
+
+    private static void assertNothingLeft() throws Exception {
+        try (Stream<Path> left = Files.list(folder)) {
+            assertEquals(List.of(), left.toList());
+        }
+    }
+
+    /** Ends JVMs while daemon threads are inside the library, at a different moment each. */
+    @Test
+    void aProcessEndsAsAskedWhileDaemonThreadsAreInsideTheLibrary() throws Exception {
+        for (int i = 0; i < EXITS; i++) {
+            int status = 10 + i % 100;
+            StrictJvm.Ended ended = StrictJvm.run(folder, List.of(
+                    "-XX:ErrorFile=" + folder.resolve("hs_err.log"),
+                    "-XX:-CreateCoredumpOnCrash", "-cp", CLASS_PATH, Busy.class.getName(),
+                    Integer.toString(status)));
+            assertEquals(new StrictJvm.Ended(status, ""), ended, "exit " + i);
+            assertNothingLeft();
+        }
+    }
+
+    @Test
+    void theJarTellsItsVersionAndItsModule() throws Exception {
+        try (JarFile file = new JarFile(Loader.jar())) {
+            Attributes manifest = file.getManifest().getMainAttributes();
+            assertEquals(System.getProperty("skiplist.test.version"),
+                    manifest.getValue(Attributes.Name.IMPLEMENTATION_VERSION));
+            assertEquals("stor.device.skiplist", manifest.getValue("Automatic-Module-Name"));
+        }
+    }
+
+    @Test
+    void theFirstExampleOfTheReadmeIsTheTutorial() throws Exception {
+        String[] readme = Files.readString(PROJECT.resolve("README.md")).split("```java\n|```");
+        String tutorial = Files.readString(TUTORIAL).split("// README: [a-z]+\n")[1];
+        // The second mark is indented, too.
+        assertEquals(tutorial.stripIndent().stripTrailing(), readme[1].stripTrailing());
+    }
+
+    @ParameterizedTest
+    @CsvSource({
+        "Linux, amd64, glibc, native/linux-x86_64/libskiplistjni.so",
+        "Linux, x86_64, musl, native/linux-x86_64-musl/libskiplistjni.so",
+        "Linux, aarch64, glibc, native/linux-aarch64/libskiplistjni.so",
+        "Mac OS X, arm64, glibc, native/macosx-aarch64/libskiplistjni.so",
+        "Odd/../OS, ../x, glibc, native/oddos-x/libskiplistjni.so"})
+    void aFileIsNamedAfterItsPlatform(String os, String arch, String libc, String expected) {
+        assertEquals(expected, NativeLoader.resourceName(os, arch, libc));
+    }
+
+    @ParameterizedTest
+    @CsvSource({
+        "failed to map segment from shared object, glibc, noexec",
+        "version `GLIBC_2.36' not found, glibc, older",
+        "Error relocating, musl, musl"})
+    void aReasonIsExplained(String reason, String libc, String explanation) {
+        assertTrue(NativeLoader.advice(reason, libc).contains(explanation));
+        assertFalse(NativeLoader.advice("other", "glibc").contains(explanation));
+    }
+
+    /** Loads the library, and once more in another class loader if the property says so. */
+    static final class Loader {
+        public static void main(String[] args) throws Exception {
+            System.out.println("loaded: " + JniSkipListNative.tryTest());
+            if (Boolean.getBoolean("again")) {
+                // A manifest names the jar, but not to other loaders.
+                URL[] urls = Stream.concat(Stream.of(jar()), Arrays.stream(
+                        System.getProperty("java.class.path").split(File.pathSeparator)))
+                        .map(Loader::url).toArray(URL[]::new);
+                try (URLClassLoader loader =
+                        new URLClassLoader(urls, ClassLoader.getPlatformClassLoader())) {
+                    Class<?> other = loader.loadClass(JniSkipListNative.class.getName());
+                    System.out.println("again: " + (other != JniSkipListNative.class) + " "
+                            + other.getMethod("tryTest").invoke(null));
+                }
+            }
+        }
+
+        private static String jar() {
+            return JniSkipListNative.class.getProtectionDomain().getCodeSource().getLocation()
+                    .getPath();
+        }
+
+        private static URL url(String path) {
+            try {
+                return new File(path).toURI().toURL();
+            } catch (MalformedURLException e) {
+                throw new IllegalArgumentException(path, e);
+            }
+        }
+    }
+
+    /** Loses a map, and waits until its buffer has been given back. */
+    static final class Loser {
+        public static void main(String[] args) throws InterruptedException {
+            ByteBuf buffer = Unpooled.wrappedBuffer(new byte[512]);
+            loseAMap(buffer);
+            while (buffer.refCnt() > 1) {
+                System.gc();
+                Thread.sleep(1);
+            }
+            // The warning follows at once, on a daemon thread that would end with this one.
+            Thread.sleep(200);
+            System.out.println("given back");
+        }
+
+        private static void loseAMap(ByteBuf buffer) {
+            OffHeapRangeMap.create(4, 512).insert(0, 512, new FileLocation(3, 0, 1, 0), buffer);
+        }
+    }
+
+    /** Loses a buffer that a map once took, until Netty reports it. */
+    static final class BufferLoser {
+        public static void main(String[] args) throws InterruptedException {
+            storeABuffer();
+            // Netty keeps a slice for reuse, and with it the buffer that it was cut from.
+            storeABuffer().release();
+            LeakHunt.hunt();
+        }
+
+        private static ByteBuf storeABuffer() {
+            ByteBuf buffer = PooledByteBufAllocator.DEFAULT.buffer().writeZero(512);
+            try (OffHeapRangeMap map = OffHeapRangeMap.create(4, 512)) {
+                map.insert(0, 512, new FileLocation(3, 0, 1, 0), buffer);
+            }
+            return buffer;
+        }
+    }
+
+    /** Uses the library from daemon threads, and ends with a status when all of them work. */
+    static final class Busy {
+        private static final int THREADS = 5;
+        private static final int LATEST_MILLIS = 100;
+        private static final int MANY = 20_000;
+
+        public static void main(String[] args) throws InterruptedException {
+            int status = Integer.parseInt(args[0]);
+            Random random = new Random(status);
+            CountDownLatch busy = new CountDownLatch(THREADS);
+            long large = largeMap();
+            forever(busy, () -> useBuffers(1));
+            forever(busy, () -> useBuffers(2));
+            forever(busy, () -> copy(large));
+            forever(busy, () -> {
+                JniSkipListNative.getStats();
+                JniSkipListNative.init(Long.MAX_VALUE - random.nextInt(2));
+            });
+            forever(busy, () -> {
+                try {
+                    daemon(() -> useBuffers(3)).join();
+                } catch (InterruptedException e) {
+                    throw new IllegalStateException(e);
+                }
+            });
+            busy.await();
+            Thread.sleep(random.nextInt(LATEST_MILLIS));
+            System.exit(status);
+        }
+
+        private static void forever(CountDownLatch begun, Runnable work) {
+            daemon(() -> {
+                begun.countDown();
+                while (true) {
+                    work.run();
+                }
+            });
+        }
+
+        private static Thread daemon(Runnable work) {
+            Thread thread = new Thread(work);
+            thread.setDaemon(true);
+            thread.start();
+            return thread;
+        }
+
+        /** Makes, cuts, copies and drops buffered ranges, which calls Java again and again. */
+        private static void useBuffers(long seed) {
+            Random random = new Random(seed);
+            ByteBuf buffer = Unpooled.directBuffer().writeZero(512);
+            try (OffHeapRangeMap map = OffHeapRangeMap.create(6, 512);
+                    OffHeapRangeMap copy = OffHeapRangeMap.create(6, 512)) {
+                for (int i = 0; i < 500; i++) {
+                    map.insert(random.nextInt(1 << 16), 512, new FileLocation(1, 0, 1, i), buffer);
+                }
+                map.copyTo(copy);
+                map.release();
+            }
+            buffer.release();
+        }
+
+        private static long largeMap() {
+            long map = JniSkipListNative.createSkipList(12, 512);
+            for (int i = 0; i < MANY; i++) {
+                JniSkipListNative.insert(map, 16L * i, 8, 0, 1, i, (byte) 1);
+            }
+            return map;
+        }
+
+        /**
+         * Spends about a second in a call that does not call Java: a map of one level is searched
+         * range by range. While the process ends, the JVM waits 300 milliseconds for such calls
+         * and then lets them run on.
+         */
+        private static void copy(long map) {
+            long copy = JniSkipListNative.createSkipList(1, 512);
+            JniSkipListNative.copySkipList(map, copy);
+            JniSkipListNative.destorySkipList(copy);
+        }
+    }
+}
