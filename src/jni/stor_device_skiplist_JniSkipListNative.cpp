@@ -141,8 +141,6 @@ void Java_stor_device_skiplist_JniSkipListNative_insertWithBuff(JNIEnv* env, jcl
                                                                 jobject buf) {
     guarded(env, changing("insertWithBuff", endsLine), [&] {
         SkipList* const map = SkipList::getSkipList(handle, env);
-        // Or else a thread without a record could take a slice and have no memory for its charge.
-        const ChargeBatch batch;
         std::unique_ptr<Buff> buff;
         if (buf != nullptr) buff = Buff::create(map->env, buf);
         map->insert(offset, len, fileOffset, majorVer, minorVer, static_cast<unsigned char>(number),

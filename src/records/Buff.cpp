@@ -69,6 +69,7 @@ bool Buff::envInit(JNIEnv* jniEnv) {
 std::unique_ptr<Buff> Buff::create(std::shared_ptr<Env> env, jobject const& byteBuf) {
     requireEnvInit(*env);
     MemoryStat::checkMem(charge);
+    const ChargeBatch batch;
     return std::make_unique<Buff>(env, byteBuf);
 }
 
@@ -76,16 +77,19 @@ std::unique_ptr<Buff> Buff::create(std::shared_ptr<Env> env, jobject const& byte
                                    int length) {
     requireEnvInit(*env);
     MemoryStat::checkMem(charge);
+    const ChargeBatch batch;
     return std::make_unique<Buff>(env, byteBuf, index, length);
 }
 
 std::unique_ptr<Buff> Buff::create(std::unique_ptr<Buff> const& src) {
     MemoryStat::checkMem(charge);
+    const ChargeBatch batch;
     return std::make_unique<Buff>(*src);
 }
 
 std::unique_ptr<Buff> Buff::create(std::unique_ptr<Buff> const& src, int index, int length) {
     MemoryStat::checkMem(charge);
+    const ChargeBatch batch;
     return std::make_unique<Buff>(*src, index, length);
 }
 

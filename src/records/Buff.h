@@ -45,7 +45,8 @@ class Buff {
 
     // A handle on a retained slice of the whole Java buffer, or of `length` bytes from `index`.
     // These two run envInit first; the constructors do not. All four ask whether the charge would
-    // fit before they call Java, because a constructor that is refused has its slice already.
+    // fit before they call Java, because a constructor that is refused has its slice already, and
+    // charge in a batch, which needs no memory for the thread's record.
     static std::unique_ptr<Buff> create(std::shared_ptr<Env> env, jobject const& byteBuf);
     static std::unique_ptr<Buff> create(std::shared_ptr<Env> env, jobject const& byteBuf, int index,
                                         int length);

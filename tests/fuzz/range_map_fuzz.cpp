@@ -11,6 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     } catch (const std::exception& e) {
         // Standard error belongs to the library's diagnostics.
         std::printf("fuzz: %s\n", e.what());
+        std::fflush(stdout);
         std::abort();
     }
     return 0;
