@@ -62,7 +62,14 @@ public final class Replay implements AutoCloseable {
      * @throws IOException if a file cannot be made
      */
     public Replay(ReplayOptions options, Path folder) throws IOException {
-        this(options, folder, new StopSignal());
+        this(options, folder, never());
+    }
+
+    /** Makes a signal that does not wait for Ctrl-C, and does not hold up the end of the JVM. */
+    private static StopSignal never() {
+        StopSignal signal = new StopSignal();
+        signal.close();
+        return signal;
     }
 
     /** Makes a store and all else in a folder, which has to be empty. */
