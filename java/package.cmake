@@ -7,18 +7,41 @@ Implementation-Version: ${version}
 Automatic-Module-Name: stor.device.skiplist
 ")
 
-# Classes, then the header made from them, then the library compiled against it, then this.
-set(jar ${CMAKE_BINARY_DIR}/skiplist-native.jar)
+# What the jar says of its libraries, for the loader.
+set(contents ${SKIPLIST_PLATFORM}=$<TARGET_FILE:skiplistjni> ${SKIPLIST_OTHER_LIBRARIES})
+list(TRANSFORM contents REPLACE "=.*" "" OUTPUT_VARIABLE platforms)
+list(SORT platforms)
+list(JOIN platforms ", " platforms)
+set(properties ${CMAKE_CURRENT_BINARY_DIR}/build.properties)
+file(CONFIGURE OUTPUT ${properties} CONTENT
+"version=${version}
+platforms=${platforms}
+glibc=${SKIPLIST_OLDEST_GLIBC}
+")
+
+# Each library in the folder of its platform.
 set(stage ${CMAKE_CURRENT_BINARY_DIR}/packaged)
-set(resource stor/device/skiplist/native/linux-x86_64/libskiplistjni.so)
+set(resources stor/device/skiplist/native)
+foreach(library IN LISTS contents)
+  string(REGEX MATCH "^([^=]+)=(.+)$" ignored ${library})
+  list(APPEND libraries ${CMAKE_MATCH_2})
+  list(APPEND copy_libraries COMMAND ${CMAKE_COMMAND} -E copy ${CMAKE_MATCH_2}
+    ${stage}/${resources}/${CMAKE_MATCH_1}/libskiplistjni.so)
+endforeach()
+
+# Classes, then the header made from them, then the library compiled against it, then this. Nothing
+# of the time or the folder of the build gets into a jar.
+set(create_jar ${Java_JAR_EXECUTABLE} --create --date=2020-01-01T00:00:00Z)
+set(jar ${CMAKE_BINARY_DIR}/skiplist-native.jar)
 add_custom_command(
   OUTPUT ${jar}
-  COMMAND ${CMAKE_COMMAND} -E copy $<TARGET_FILE:skiplistjni> ${stage}/${resource}
-  COMMAND ${Java_JAR_EXECUTABLE} --create --file ${jar}
-    --manifest ${CMAKE_CURRENT_BINARY_DIR}/manifest.txt
-    -C $<TARGET_PROPERTY:skiplist-classes,CLASSDIR> stor -C ${stage} ${resource}
-  DEPENDS skiplistjni skiplist-classes $<TARGET_PROPERTY:skiplist-classes,JAR_FILE>
-    ${CMAKE_CURRENT_BINARY_DIR}/manifest.txt
+  COMMAND ${CMAKE_COMMAND} -E rm -rf ${stage}
+  ${copy_libraries}
+  COMMAND ${CMAKE_COMMAND} -E copy ${properties} ${stage}/${resources}/build.properties
+  COMMAND ${create_jar} --file ${jar} --manifest ${CMAKE_CURRENT_BINARY_DIR}/manifest.txt
+    -C $<TARGET_PROPERTY:skiplist-classes,CLASSDIR> stor -C ${stage} ${resources}
+  DEPENDS ${libraries} skiplist-classes $<TARGET_PROPERTY:skiplist-classes,JAR_FILE>
+    ${CMAKE_CURRENT_BINARY_DIR}/manifest.txt ${properties}
   COMMENT "Packaging skiplist-native.jar"
   VERBATIM)
 add_custom_target(skiplist-native ALL DEPENDS ${jar})
@@ -39,7 +62,7 @@ configure_file(pom.xml.in ${name}.pom @ONLY)
 
 add_custom_command(
   OUTPUT ${sources_jar}
-  COMMAND ${Java_JAR_EXECUTABLE} --create --file ${sources_jar}
+  COMMAND ${create_jar} --file ${sources_jar}
     -C ${source_folder} stor/device/skiplist
   DEPENDS $<TARGET_PROPERTY:skiplist-classes,JAR_FILE>
   VERBATIM)
@@ -48,7 +71,7 @@ add_custom_command(
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${javadoc_folder}
   COMMAND ${Java_JAVADOC_EXECUTABLE} -quiet -Xdoclint:all -Werror -notimestamp -encoding UTF-8
     -sourcepath ${source_folder} -classpath ${netty_path} -d ${javadoc_folder} stor.device.skiplist
-  COMMAND ${Java_JAR_EXECUTABLE} --create --file ${javadoc_jar} -C ${javadoc_folder} .
+  COMMAND ${create_jar} --file ${javadoc_jar} -C ${javadoc_folder} .
   DEPENDS $<TARGET_PROPERTY:skiplist-classes,JAR_FILE>
   VERBATIM)
 add_custom_target(skiplist-documents ALL DEPENDS ${sources_jar} ${javadoc_jar})
@@ -63,6 +86,6 @@ install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 set(CPACK_GENERATOR TGZ)
-set(CPACK_PACKAGE_FILE_NAME ${name}-linux-x86_64)
+set(CPACK_PACKAGE_FILE_NAME ${name}-${SKIPLIST_PLATFORM})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Off-heap range maps for Java storage engines")
 include(CPack)

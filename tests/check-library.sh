@@ -8,7 +8,7 @@ oldest_glibc=2.18
 export LC_ALL=C
 
 exported=$(readelf --wide --dyn-syms "$library" |
-    awk '$7 != "UND" && $8 != "" && $1 ~ /^[0-9]+:$/ { print $8 }' | sort)
+    awk '$4 != "SECTION" && $7 != "UND" && $8 != "" && $1 ~ /^[0-9]+:$/ { print $8 }' | sort)
 count=$(grep -c '^Java_stor_device_skiplist_JniSkipListNative_[A-Za-z]*$' <<<"$exported")
 others=$(grep -v '^Java_stor_device_skiplist_JniSkipListNative_' <<<"$exported" || true)
 needed=$(readelf --wide --dynamic "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort)
@@ -16,7 +16,7 @@ needed=$(readelf --wide --dynamic "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/
 imported=$(readelf --wide --dyn-syms "$library" |
     sed -nE 's/.* UND ([^@ ]+)@GLIBC_([0-9.]+).*/\2 \1/p' | sort --version-sort)
 newest=${imported##*$'\n'}
-too_new=$(awk -v oldest=$oldest_glibc '
+too_new=$(awk -v oldest="$oldest_glibc" '
     { split($1, version, "."); split(oldest, bound, ".") }
     version[1] > bound[1] || version[1] == bound[1] && version[2] + 0 > bound[2] + 0' <<<"$imported")
 

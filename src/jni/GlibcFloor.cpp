@@ -74,6 +74,14 @@ int pthread_setspecific(pthread_key_t key, const void* value) {
     return first_pthread_setspecific(key, reinterpret_cast<std::uintptr_t>(value));
 }
 
+// glibc 2.38, whose new name reads binary numbers too. The runtime reads sizes from a variable by it.
+unsigned long first_strtoul(const char* text, char** end, int base);
+FROM_THE_START(strtoul);
+
+unsigned long __isoc23_strtoul(const char* text, char** end, int base) {
+    return first_strtoul(text, end, base);
+}
+
 #ifdef DLFO_STRUCT_HAS_EH_DBASE
 extern const ElfW(Ehdr) __ehdr_start __attribute__((visibility("hidden")));
 

@@ -21,7 +21,6 @@ import org.jfree.data.category.CategoryDataset;
 import org.jfree.data.xy.XYDataset;
 import org.jfree.svg.SVGGraphics2D;
 import org.jfree.svg.ViewBox;
-import org.jfree.ui.RectangleInsets;
 
 /**
  * Draws the charts of the report, each as an SVG element that can stand in a page with others. The
@@ -77,10 +76,10 @@ final class Charts {
         plot.setRangeAxis(axis);
         plot.setRangeGridlinePaint(GRID);
         LineAndShapeRenderer renderer = (LineAndShapeRenderer) plot.getRenderer();
-        renderer.setBaseShapesVisible(true);
         for (int i = 0; i < values.getRowCount(); i++) {
             renderer.setSeriesPaint(i, series(i));
             renderer.setSeriesStroke(i, new BasicStroke(1.5f));
+            renderer.setSeriesShapesVisible(i, true);
         }
         return draw(chart, plot);
     }
@@ -121,7 +120,7 @@ final class Charts {
         theme.setAxisLabelPaint(TEXT);
         theme.setTickLabelPaint(TEXT);
         theme.setShadowVisible(false);
-        theme.setAxisOffset(RectangleInsets.ZERO_INSETS);
+        theme.setAxisOffset(BlockBorder.NONE.getInsets());
         return theme;
     }
 

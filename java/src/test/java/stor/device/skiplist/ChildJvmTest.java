@@ -1,21 +1,32 @@
 package stor.device.skiplist;
 
+import static java.nio.file.StandardOpenOption.CREATE_NEW;
+import static java.nio.file.StandardOpenOption.DELETE_ON_CLOSE;
+import static java.nio.file.StandardOpenOption.READ;
+import static java.nio.file.StandardOpenOption.WRITE;
 import static org.junit.jupiter.api.Assertions.assertAll;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertNotSame;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import io.netty.buffer.ByteBuf;
 import io.netty.buffer.PooledByteBufAllocator;
 import io.netty.buffer.Unpooled;
 import java.io.File;
+import java.io.IOException;
 import java.net.MalformedURLException;
 import java.net.URL;
 import java.net.URLClassLoader;
+import java.nio.MappedByteBuffer;
+import java.nio.channels.FileChannel;
+import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.ArrayDeque;
 import java.util.ArrayList;
 import java.util.Arrays;
+import java.util.Deque;
 import java.util.List;
 import java.util.Random;
 import java.util.concurrent.CountDownLatch;
@@ -31,6 +42,7 @@ import org.junit.jupiter.params.provider.MethodSource;
 /** What only the output and the end of a whole JVM can show: loading, losing, exiting. */
 class ChildJvmTest {
     private static final String PROPERTY = "skiplist.native.library";
+    private static final String VERSION = System.getProperty("skiplist.test.version");
     private static final Path LIBRARY = Path.of(System.getProperty("skiplist.test.library"));
     private static final Path PROJECT = Path.of(System.getProperty("skiplist.test.project"));
     private static final Path TUTORIAL =
@@ -41,6 +53,8 @@ class ChildJvmTest {
 
     @TempDir
     private static Path folder;
+    @TempDir
+    private static Path otherFolder;
 
     /** A JVM in an empty folder, how it ends, and what it says; a text after "not " is not said. */
     record Child(int status, List<String> args, List<String> texts) {
@@ -50,7 +64,8 @@ class ChildJvmTest {
         }
     }
 
-    static Stream<Child> children() {
+    static Stream<Child> children() throws IOException {
+        String platform = Platform.current().name();
         String tmpdir = "-Dskiplist.native.tmpdir=" + folder;
         String missing = "-Dskiplist.native.tmpdir=" + folder.resolve("missing");
         String leaks = "-Dskiplist.leakDetection=";
@@ -60,21 +75,28 @@ class ChildJvmTest {
                 loading(0, List.of(missing, "-Djava.library.path=" + LIBRARY.getParent()),
                         "loaded: 0\n"),
                 loading(1, List.of(missing, "-Djava.library.path=/"),
-                        "load native library: native/linux-x86_64/libskiplistjni.so of the jar, "
-                                + "copied to " + folder.resolve("missing") + " (property "
+                        "load native library: native/" + platform + "/libskiplistjni.so of the "
+                                + "jar, copied to " + folder.resolve("missing") + " (property "
                                 + "skiplist.native.tmpdir): cannot create a file there: "
                                 + "java.nio.file.NoSuchFileException",
-                        "\n  skiplistjni on java.library.path=/: no skiplistjni in "
-                                + "java.library.path: /\n  set the property " + PROPERTY
-                                + " to the absolute path of libskiplistjni.so\n",
-                        "Suppressed: java.io.IOException"),
+                        "\n  libskiplistjni.so on java.library.path=/: no such file\n  found: "
+                                + platform + " with glibc 2.",
+                        "; the jar of version " + VERSION + " holds libraries for linux-",
+                        ", with glibc 2.", " or later\n  set the property " + PROPERTY
+                                + " to the absolute path of libskiplistjni.so, of version "
+                                + VERSION + "\n", "Suppressed: java.io.IOException"),
                 loading(1, List.of("-D" + PROPERTY + "=/missing.so",
                         "-Djava.library.path=" + LIBRARY.getParent()), "load native library: "
-                                + "/missing.so (property " + PROPERTY + "): Can't load library"),
-                loading(1, List.of("-D" + PROPERTY + "=" + anotherLibrary()),
-                        "load native library: " + anotherLibrary()),
-                loading(0, List.of("-Dagain=true", tmpdir), "loaded: 0\nagain: true 0\n"),
-                loading(1, List.of("-Dagain=true", "-D" + PROPERTY + "=" + LIBRARY),
+                                + "/missing.so (property " + PROPERTY + "): no such file"),
+                loading(1, List.of("-D" + PROPERTY + "=" + anotherLibrary()), "load native library: "
+                        + anotherLibrary(), "this file is no skiplist-native library"),
+                loading(1, List.of("-D" + PROPERTY + "=" + libraryOfVersion("9.8.7")),
+                        "the library is of version 9.8.7, the jar of version " + VERSION),
+                // A byte that is no character in UTF-8.
+                loading(0, List.of("-Dmapped=true", "-Dsun.jnu.encoding=ISO-8859-1", tmpdir),
+                        "loaded: 0\n"),
+                loading(0, List.of("-Dagain=200", tmpdir), "loaded: 0\nagain: 200, left: 1\n"),
+                loading(1, List.of("-Dagain=1", "-D" + PROPERTY + "=" + LIBRARY),
                         "already loaded in another classloader; leave " + PROPERTY
                                 + " unset, so that each class loader loads a copy of its own"),
                 child(0, Loser.class, List.of(leaks + "always"), "given back", lost, "loseAMap"),
@@ -106,6 +128,13 @@ class ChildJvmTest {
 
     private static Path anotherLibrary() {
         return Path.of(System.getProperty("java.home"), "lib", "libzip.so");
+    }
+
+    private static Path libraryOfVersion(String version) throws IOException {
+        String library = Files.readString(LIBRARY, StandardCharsets.ISO_8859_1);
+        return Files.writeString(otherFolder.resolve("other.so"),
+                library.replace("version " + VERSION, "version " + version),
+                StandardCharsets.ISO_8859_1);
     }
 
     @ParameterizedTest(name = "{index}")
@@ -160,41 +189,92 @@ class ChildJvmTest {
 
     @ParameterizedTest
     @CsvSource({
-        "Linux, amd64, glibc, native/linux-x86_64/libskiplistjni.so",
-        "Linux, x86_64, musl, native/linux-x86_64-musl/libskiplistjni.so",
-        "Linux, aarch64, glibc, native/linux-aarch64/libskiplistjni.so",
-        "Mac OS X, arm64, glibc, native/macosx-aarch64/libskiplistjni.so",
-        "Odd/../OS, ../x, glibc, native/oddos-x/libskiplistjni.so"})
-    void aFileIsNamedAfterItsPlatform(String os, String arch, String libc, String expected) {
-        assertEquals(expected, NativeLoader.resourceName(os, arch, libc));
+        "Linux, amd64, '', linux-x86_64",
+        "Linux, x86_64, -musl, linux-x86_64-musl",
+        "Linux, arm64, '', linux-aarch64",
+        "Odd/../OS, ../x, '', oddos-x"})
+    void aPlatformIsNamedInLettersThatAFolderMayHave(
+            String system, String processor, String variant, String expected) {
+        assertEquals(expected, Platform.name(system, processor, variant));
     }
 
     @ParameterizedTest
     @CsvSource({
-        "failed to map segment from shared object, glibc, noexec",
-        "version `GLIBC_2.36' not found, glibc, older",
-        "Error relocating, musl, musl"})
-    void aReasonIsExplained(String reason, String libc, String explanation) {
-        assertTrue(NativeLoader.advice(reason, libc).contains(explanation));
-        assertFalse(NativeLoader.advice("other", "glibc").contains(explanation));
+        "failed to map segment from shared object, linux-x86_64, noexec",
+        "version `GLIBC_2.36' not found, linux-x86_64, older",
+        "Error relocating, linux-x86_64-musl, musl"})
+    void aReasonIsExplained(String reason, String platform, String explanation) {
+        assertTrue(NativeLoader.advice(new UnsatisfiedLinkError(reason), new Platform(platform, ""))
+                .contains(explanation));
+        assertFalse(NativeLoader.advice(new UnsatisfiedLinkError("other"),
+                new Platform("linux-x86_64", "")).contains(explanation));
     }
 
-    /** Loads the library, and once more in another class loader if the property says so. */
+    @Test
+    void theOptionThatAllowsNativeCodeNamesTheModule() {
+        assertEquals("--enable-native-access=ALL-UNNAMED",
+                NativeLoader.accessFlag(NativeLoader.class.getModule()));
+        assertEquals("--enable-native-access=java.base",
+                NativeLoader.accessFlag(Object.class.getModule()));
+    }
+
+    /**
+     * Loads the library, as properties say: beside a mapped file whose name is a byte that stands for
+     * no character, and once more in each of so many class loaders, of which 50 are alive at once.
+     */
     static final class Loader {
+        private static final int ALIVE = 50;
+        private static MappedByteBuffer mapped;
+
         public static void main(String[] args) throws Exception {
-            System.out.println("loaded: " + JniSkipListNative.tryTest());
-            if (Boolean.getBoolean("again")) {
-                // A manifest names the jar, but not to other loaders.
-                URL[] urls = Stream.concat(Stream.of(jar()), Arrays.stream(
-                        System.getProperty("java.class.path").split(File.pathSeparator)))
-                        .map(Loader::url).toArray(URL[]::new);
-                try (URLClassLoader loader =
-                        new URLClassLoader(urls, ClassLoader.getPlatformClassLoader())) {
-                    Class<?> other = loader.loadClass(JniSkipListNative.class.getName());
-                    System.out.println("again: " + (other != JniSkipListNative.class) + " "
-                            + other.getMethod("tryTest").invoke(null));
+            if (Boolean.getBoolean("mapped")) {
+                try (FileChannel file = FileChannel.open(Path.of("\u00ff"), CREATE_NEW, READ, WRITE,
+                        DELETE_ON_CLOSE)) {
+                    mapped = file.map(FileChannel.MapMode.READ_WRITE, 0, 1);
                 }
             }
+            System.out.println("loaded: " + JniSkipListNative.tryTest());
+            int again = Integer.getInteger("again", 0);
+            if (again > 0) {
+                Deque<URLClassLoader> alive = new ArrayDeque<>();
+                for (int i = 0; i < again; i++) {
+                    alive.add(loadAgain());
+                    if (alive.size() > ALIVE) {
+                        alive.remove().close();
+                    }
+                }
+                alive.clear();
+                System.out.println("again: " + again + ", left: " + copiesLeft());
+            }
+        }
+
+        private static URLClassLoader loadAgain() throws Exception {
+            // A manifest names the jar, but not to other loaders.
+            URL[] urls = Stream.concat(Stream.of(jar()), Arrays.stream(
+                    System.getProperty("java.class.path").split(File.pathSeparator)))
+                    .map(Loader::url).toArray(URL[]::new);
+            URLClassLoader loader = new URLClassLoader(urls, ClassLoader.getPlatformClassLoader());
+            Class<?> other = loader.loadClass(JniSkipListNative.class.getName());
+            assertNotSame(JniSkipListNative.class, other);
+            // A map charges memory, which leaves something with the thread.
+            Object map = other.getMethod("createSkipList", int.class, int.class)
+                    .invoke(null, 12, 512);
+            other.getMethod("destorySkipList", long.class).invoke(null, map);
+            return loader;
+        }
+
+        /** Counts the mapped copies of the library when the collector has had its time. */
+        private static long copiesLeft() throws Exception {
+            long copies = Long.MAX_VALUE;
+            for (int i = 0; copies > 1 && i < 100; i++) {
+                System.gc();
+                Thread.sleep(50);
+                try (Stream<String> mapped = Files.lines(Path.of("/proc/self/maps"))) {
+                    copies = mapped.filter(line -> line.contains(" r-xp ")
+                            && line.contains("libskiplistjni-")).count();
+                }
+            }
+            return copies;
         }
 
         private static String jar() {

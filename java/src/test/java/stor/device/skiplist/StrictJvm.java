@@ -13,8 +13,7 @@ import java.util.regex.Pattern;
 
 /**
  * Runs another JVM and fails if it fails, or if its output holds a report that {@link JvmOutput}
- * forbids, or does not hold what is
- * expected. The arguments are those of the other JVM, after any number of {@code --says PATTERN}.
+ * forbids, or does not hold what is expected. The arguments are those of the other JVM, after any number of {@code --says PATTERN}.
  */
 public final class StrictJvm {
     private static final long PATIENCE_SECONDS = 120;
@@ -73,10 +72,17 @@ public final class StrictJvm {
         }
     }
 
-    /** Prepares a JVM of this kind, its error stream joined to its output. */
+    /**
+     * Prepares a JVM of this kind, its error stream joined to its output. It says nothing of its
+     * own about native code.
+     */
     private static ProcessBuilder builder(List<String> args) {
         List<String> command = new ArrayList<>();
-        command.add(ProcessHandle.current().info().command().orElse("java"));
+        command.add(Path.of(System.getProperty("java.home"), "bin", "java").toString());
+        command.add("--enable-native-access=ALL-UNNAMED");
+        if (Runtime.version().feature() >= 24) {
+            command.add("--sun-misc-unsafe-memory-access=allow");
+        }
         command.addAll(args);
         return new ProcessBuilder(command).redirectErrorStream(true);
     }
