@@ -50,13 +50,20 @@ if(SKIPLIST_PRELOAD)
   list(APPEND properties -Dskiplist.native.library=$<TARGET_FILE:skiplistjni>)
 endif()
 
+set(SKIPLIST_TEST_JVM ${Java_JAVA_EXECUTABLE} CACHE FILEPATH "The JVM that runs the Java tests")
+# A JVM for another processor is emulated.
+set(timeout 900)
+if(CMAKE_CROSSCOMPILING)
+  set(timeout 7200)
+endif()
+
 # Runs a main class in a JVM whose output is judged by another: it has to say what matches all SAYS.
 function(add_java_test name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SAYS;RUNS")
   list(TRANSFORM arg_SAYS PREPEND "--says;")
-  add_test(NAME ${name} COMMAND ${Java_JAVA_EXECUTABLE} -cp ${class_path}
+  add_test(NAME ${name} COMMAND ${SKIPLIST_TEST_JVM} -cp ${class_path}
     stor.device.skiplist.StrictJvm ${arg_SAYS} ${properties} -cp ${class_path}:${bench_path} ${arg_RUNS})
-  set_tests_properties(${name} PROPERTIES LABELS java TIMEOUT 900 ENVIRONMENT "${environment}")
+  set_tests_properties(${name} PROPERTIES LABELS java TIMEOUT ${timeout} ENVIRONMENT "${environment}")
 endfunction()
 
 add_java_test(java-tests RUNS ${checks} ${console} --scan-classpath=${tests_jar})

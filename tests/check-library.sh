@@ -23,5 +23,7 @@ too_new=$(awk -v oldest="$oldest_glibc" '
 echo "exported native methods: $count; others: ${others:-none}"
 echo "needed at run time: ${needed//$'\n'/ }"
 echo "glibc needed: ${newest% *}, by ${newest#* }; newer than $oldest_glibc: ${too_new:-none}"
-[[ $count -eq 26 && -z $others && -n $imported && -z $too_new ]]
+size=$(stat --format=%s "$library")
+echo "size: $size, at most 300000"
+[[ $size -le 300000 && $count -eq 26 && -z $others && -n $imported && -z $too_new ]]
 ! grep -vxE 'libc\.so\.6|libm\.so\.6|libpthread\.so\.0|ld-linux-(x86-64|aarch64)\.so\.[12]' <<<"$needed"
