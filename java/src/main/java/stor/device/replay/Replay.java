@@ -80,7 +80,7 @@ public final class Replay implements AutoCloseable {
         nextSnapshot = options.snapshotEvery();
         mirror = new Mirror(folder, sectorSize, options.seed(), options.sampled());
         storeFolder = Files.createDirectory(folder.resolve("store"));
-        store = new BlockStore(storeFolder, options.store());
+        store = BlockStore.open(storeFolder, options.store());
         FlushFaults faults = new FlushFaults(options.failFlushEvery(), options.seed());
         store.onStep(step -> {
             stop.check();

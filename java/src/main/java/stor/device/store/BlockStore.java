@@ -2,19 +2,16 @@ package stor.device.store;
 
 import io.netty.buffer.ByteBuf;
 import java.io.IOException;
-import java.nio.ByteBuffer;
 import java.nio.file.Path;
 import java.util.ArrayList;
-import java.util.Comparator;
-import java.util.HashMap;
 import java.util.HashSet;
 import java.util.List;
-import java.util.Map;
 import java.util.Set;
 import java.util.concurrent.locks.ReentrantLock;
 import java.util.function.Consumer;
 import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.MappedRange;
+import stor.device.skiplist.NativeMemory;
 import stor.device.skiplist.OffHeapRangeMap;
 
 /**
@@ -23,51 +20,61 @@ import stor.device.skiplist.OffHeapRangeMap;
  *
  * <pre>
  *   write --&gt; active map --freeze--&gt; frozen map --flush--&gt; segment files &lt;--compact--+
- *             (buffers)              (buffers)              file map ---------------+
+ *             (buffers)              (buffers)              file map, journal ------+
  * </pre>
  *
  * <p>A read asks the active map, the frozen map, then the file map; what none of them knows is
- * zero. Promises: a write that returned is read until it is overwritten, discarded or the store is
- * closed, whatever fails meanwhile; a snapshot does not change. Nothing outlives {@link #close}:
- * the maps are in memory, and the segment files are deleted with them.
+ * zero. Promises:
+ *
+ * <ul>
+ * <li>What was written or discarded is read at once, whatever fails meanwhile.
+ * <li>What was written or discarded before {@link #flush} was called survives the process and a
+ * power cut when that has returned. Before, each sector reads after a crash as it was or as it was
+ * last written or discarded, or as something written in between.
+ * <li>A snapshot does not change.
+ * <li>A sector that is damaged on disk is an {@link IOException} that names it, never other bytes.
+ * </ul>
+ *
+ * <p>The paths are told elsewhere: writing in {@link WriteBuffer} and {@link Flusher}, reading in
+ * {@link ReadPlan}, reopening in {@link Recovery}, giving room back in {@link Compactor}.
  *
  * <h2>Threads</h2>
  *
  * <p>Any thread may call any method. {@code index} guards the maps and is never held while a file
  * is read or written. At most one flush and one compaction run at a time, also beside each other.
- * Locks are taken in this order: {@code flushing} or {@code compacting}, {@code index}, segments.
+ * Locks are taken in this order: {@code flushing} or {@code compacting}, file map, {@code index},
+ * segments. An interrupt ends nothing here, and is kept for whoever asks next.
  */
 public final class BlockStore implements AutoCloseable {
-    private static final int CHUNK_BYTES = 1 << 20;
+    /** An insert makes up to three ranges before it drops what they replace. */
+    private static final int INSERT_BYTES = 3 * (StoreStats.RANGE_BYTES + StoreStats.BUFFER_BYTES);
 
     private final StoreSettings settings;
     private final int sectorSize;
-    private final Sectors sectors;
+    private final Frames frames;
+    private final Disk disk;
     private final SegmentFiles files;
-    private final MemoryBudget budget;
+    private final FileMap fileMap;
+    private final DamagedSectors damaged = new DamagedSectors();
 
     private final ReentrantLock flushing = new ReentrantLock();
     private final ReentrantLock compacting = new ReentrantLock();
     private final SegmentWriter flushed;
     private final SegmentWriter compacted;
-    private Consumer<Step> onStep = step -> { };
+    private final Flusher flusher;
+    private final Compactor compactor;
+    private boolean closed;
 
     private final Object index = new Object();
 
     // Under the lock of index.
-    private OffHeapRangeMap active;
-    private OffHeapRangeMap frozen;
-    private final OffHeapRangeMap fileMap;
+    private final WriteBuffer buffer;
     private final Set<Snapshot> snapshots = new HashSet<>();
-    private long activeBytes;
-    private long frozenBytes;
     private long sequence;
     private StorePeaks peaks = new StorePeaks(0, 0, 0, 0, 0, 0, 0);
     private long refusedInserts;
-    private long flushes;
     private long flushedBytes;
     private long movedBytes;
-    private int freedSegments;
 
     /** The points at which a fault may be put in. */
     public enum Step {
@@ -75,32 +82,58 @@ public final class BlockStore implements AutoCloseable {
         FLUSH_BEGUN,
         /** A flush has written sectors that the file map does not know yet. */
         APPENDED,
-        /** The file map knows them; their buffers are not given back yet. */
+        /** The file map knows them, and what is wholly written has given its buffer back. */
         PUBLISHED,
         /** A compaction has copied sectors, and not redirected them yet. */
         COPIED
     }
 
-    /** A buffered range on its way to a file. */
-    private record Piece(long offset, int length, FileLocation location, ByteBuf bytes) {
+    /**
+     * Opens the store of a folder, or makes one if the folder is empty or missing. Reads the
+     * checkpoint of the file map and what was changed since, and deletes what a store that was
+     * killed has left half done.
+     *
+     * @param folder holds the store's files, and no one else's that are named alike
+     * @param settings the sizes and limits; the sector size stays that of the first time
+     * @return the store, for the caller to close
+     * @throws IOException if the folder is in use by another store, and then which process has it;
+     *     or if its files cannot be read or are damaged
+     * @throws OutOfMemoryError if native memory has no room for the file map
+     */
+    public static BlockStore open(Path folder, StoreSettings settings) throws IOException {
+        return open(new FolderDisk(folder), settings);
     }
 
-    /**
-     * Makes an empty store.
-     *
-     * @param folder takes the segment files; exists, and has none of another store
-     * @param settings the sizes and limits
-     */
-    public BlockStore(Path folder, StoreSettings settings) {
+    /** Opens the store of a disk, which is closed with it. */
+    static BlockStore open(Disk disk, StoreSettings settings) throws IOException {
+        try {
+            Recovery recovery = new Recovery(disk, settings);
+            recovery.run();
+            return new BlockStore(disk, settings, recovery);
+        } catch (IOException | RuntimeException | Error failure) {
+            try (disk) {
+                throw failure;
+            }
+        }
+    }
+
+    private BlockStore(Disk disk, StoreSettings settings, Recovery recovered) {
+        this.disk = disk;
         this.settings = settings;
         sectorSize = settings.sectorSize();
-        sectors = new Sectors(sectorSize);
-        files = new SegmentFiles(folder);
-        budget = new MemoryBudget(settings.memoryLimit());
-        flushed = new SegmentWriter(files, sectors, settings);
-        compacted = new SegmentWriter(files, sectors, settings);
-        active = newMap();
-        fileMap = newMap();
+        frames = new Frames(sectorSize);
+        files = recovered.files();
+        sequence = recovered.sequence();
+        buffer = new WriteBuffer(settings);
+        Reserve reserve = new Reserve(disk, settings);
+        reserve.refill();
+        fileMap = new FileMap(index, recovered.map(), recovered.journal(), reserve, files, sequence);
+        fileMap.onApplied(this::note);
+        flushed = new SegmentWriter(disk, files, frames, settings);
+        compacted = new SegmentWriter(disk, files, frames, settings);
+        flusher = new Flusher(index, buffer, fileMap, flushed, reserve, frames, sectorSize);
+        compactor = new Compactor(
+                index, fileMap, files, compacted, frames, damaged, reserve, sectorSize);
     }
 
     // --- Requests --------------------------------------------------------------------------------
@@ -113,8 +146,8 @@ public final class BlockStore implements AutoCloseable {
      * @param data the bytes: all that is readable, a positive multiple of the sector size. Its
      *     indices stay as they are; the caller keeps and releases his reference
      * @throws IOException if a flush failed; nothing was written
-     * @throws OutOfMemoryError if native memory is at its limit and a flush does not help; nothing
-     *     was written
+     * @throws OutOfMemoryError if the memory limit leaves no room and a flush does not help;
+     *     nothing was written
      */
     public void write(long offset, ByteBuf data) throws IOException {
         int length = data.readableBytes();
@@ -122,20 +155,10 @@ public final class BlockStore implements AutoCloseable {
         if (isFull(length)) {
             flush();
         }
-        boolean stored = tryWrite(offset, length, data);
-        for (long written = 1; !stored && written > 0;) {
-            written = flush();
-            stored = tryWrite(offset, length, data);
-        }
-        if (!stored) {
-            // It is the file map that takes the memory.
-            defragment();
-            stored = tryWrite(offset, length, data);
-        }
-        if (!stored) {
-            throw new OutOfMemoryError("write: memory limit: " + settings.memoryLimit()
-                    + " (expected: room for an insert when nothing is buffered): " + stats());
-        }
+        insert("write", () -> {
+            buffer.write(offset, length, data, sequence + 1);
+            sequence++;
+        });
     }
 
     /**
@@ -149,7 +172,7 @@ public final class BlockStore implements AutoCloseable {
     public byte[] read(long offset, int length) throws IOException {
         try (ReadPlan plan = newPlan(offset, length)) {
             synchronized (index) {
-                plan.find(allMemoryMaps(), fileMap);
+                plan.find(buffer.maps(), fileMap.map());
             }
             return plan.execute();
         }
@@ -160,24 +183,20 @@ public final class BlockStore implements AutoCloseable {
      *
      * @param offset the first byte; a multiple of the sector size
      * @param length how many bytes; a positive multiple of the sector size
+     * @throws IOException if a flush was needed for room, and failed; nothing was discarded
+     * @throws OutOfMemoryError if the memory limit leaves no room and a flush does not help;
+     *     nothing was discarded
      */
-    public void discard(long offset, int length) {
+    public void discard(long offset, int length) throws IOException {
         requireSectors(offset, length);
-        synchronized (index) {
-            punch(fileMap, offset, length);
-            if (frozen != null) {
-                punch(frozen, offset, length);
-            }
-            punch(active, offset, length);
-            notePeaks();
-        }
+        insert("discard", () -> buffer.discard(offset, length));
     }
 
     // --- Work in the background ------------------------------------------------------------------
 
     /**
-     * Writes out all that was buffered when it began. If it fails, what has not reached a file
-     * stays buffered and goes out with the next flush.
+     * Writes out all that was written and discarded before, so that it lasts. If it fails, what has
+     * not reached a file stays buffered and goes out with the next flush.
      *
      * @return the bytes written
      * @throws IOException if a file cannot be written
@@ -185,30 +204,20 @@ public final class BlockStore implements AutoCloseable {
     public long flush() throws IOException {
         flushing.lock();
         try {
-            // What an earlier flush has left behind is older, and so goes first.
-            long written = writeOutFrozen();
-            synchronized (index) {
-                if (active.size() > 0) {
-                    OffHeapRangeMap fresh = newMap();
-                    frozen = active;
-                    frozenBytes = activeBytes;
-                    active = fresh;
-                    activeBytes = 0;
-                }
-            }
-            return written + writeOutFrozen();
+            return flusher.flush();
         } finally {
             flushing.unlock();
         }
     }
 
     /**
-     * Moves what is live out of the segments that are less than half full of it, emptiest first, up
-     * to about a segment's worth, and frees the segments in which nothing is live any more.
+     * Frees the segments in which nothing is live any more; then moves what is live out of those
+     * that are less than half full of it, emptiest first, up to about a segment's worth, and frees
+     * them, too. Needs no room on the disk but what the store keeps in reserve. Sectors that cannot
+     * be read stay where they are and are named by {@link #stats}.
      *
      * @return the bytes moved, whether or not they were still wanted at the end of the move
-     * @throws IOException if a file cannot be read or written, or a sector is damaged; nothing is
-     *     lost
+     * @throws IOException if a file cannot be written or deleted; nothing is lost
      */
     public long compact() throws IOException {
         return compact(capacity() / 2, capacity());
@@ -216,7 +225,7 @@ public final class BlockStore implements AutoCloseable {
 
     /**
      * Moves everything that is live in the files. Written anew in the order of the device, it takes
-     * the fewest ranges in the file map.
+     * the fewest ranges in the file map. Tries damaged sectors again, too.
      *
      * @return the bytes moved
      * @throws IOException as {@link #compact}
@@ -231,10 +240,20 @@ public final class BlockStore implements AutoCloseable {
         compacting.lock();
         try {
             compacted.finish();
+            damaged.clear();
+            return compact(capacity(), Long.MAX_VALUE);
         } finally {
             compacting.unlock();
         }
-        return compact(capacity(), Long.MAX_VALUE);
+    }
+
+    private long compact(long mostLive, long enough) throws IOException {
+        compacting.lock();
+        try {
+            return compactor.compact(mostLive, enough);
+        } finally {
+            compacting.unlock();
+        }
     }
 
     /**
@@ -242,38 +261,43 @@ public final class BlockStore implements AutoCloseable {
      * as the maps themselves.
      *
      * @return the snapshot, to be closed before the store
-     * @throws IOException if the copy failed, and a file could then not be deleted
      * @throws OutOfMemoryError if the memory limit has no room for it
      */
-    public Snapshot snapshot() throws IOException {
+    public Snapshot snapshot() {
         synchronized (index) {
-            if (!budget.hasRoom(recordBytes(), recordBytes(allMemoryMaps(), fileMap))) {
+            if (!hasRoom(recordBytes(buffer.ranges(), fileMap.map().size()))) {
                 throw new OutOfMemoryError("snapshot: memory limit: " + settings.memoryLimit()
-                        + " (expected: room for a copy of the maps): " + stats());
+                        + " (expected: room for a copy of the maps)");
             }
-            Snapshot snapshot = new Snapshot(this, newMap(), newMap(), files);
-            snapshots.add(snapshot);
+            List<OffHeapRangeMap> memory = buffer.copy();
+            OffHeapRangeMap stored =
+                    OffHeapRangeMap.create(settings.height(), settings.sectorSize());
             try {
-                snapshot.copy(allMemoryMaps(), fileMap);
-                notePeaks();
-                return snapshot;
+                fileMap.map().copyTo(stored);
             } catch (RuntimeException | Error failure) {
-                snapshot.close();
+                memory.forEach(OffHeapRangeMap::close);
+                stored.close();
                 throw failure;
             }
+            Snapshot snapshot = new Snapshot(this, memory, stored, files);
+            snapshots.add(snapshot);
+            notePeaks();
+            return snapshot;
         }
     }
 
     /**
      * Reads what the store holds and has done.
      *
-     * @return the figures, all of one moment
+     * @return the figures, all of one moment but for those of files
      */
     public StoreStats stats() {
+        long journalBytes = fileMap.journalBytes();
         synchronized (index) {
-            return new StoreStats(memoryRanges(), fileMap.size(), allRanges(), bufferedBytes(),
-                    recordBytes(), budget.sweptBytes(), files.count(), refusedInserts, flushes,
-                    flushedBytes, movedBytes, freedSegments, files.bytes(), files.appendedBytes(),
+            return new StoreStats(buffer.ranges(), fileMap.map().size(), allRanges(),
+                    buffer.bytes(), recordBytes(), NativeMemory.bytesInUse(), files.count(),
+                    refusedInserts, flusher.flushes(), flushedBytes, movedBytes, compactor.freedSegments(),
+                    files.bytes(), files.appendedBytes(), journalBytes, damaged.offsets(),
                     peaks.and(0, 0, 0, 0, 0, files.peakCount(), files.peakBytes()));
         }
     }
@@ -286,9 +310,10 @@ public final class BlockStore implements AutoCloseable {
     public List<MappedRange> layout() {
         synchronized (index) {
             List<MappedRange> layout = new ArrayList<>();
-            fileMap.forEach((offset, len, number, fileOffset, majorVer, minorVer, range) ->
-                    layout.add(new MappedRange(offset, len, range.isMemoryType(),
-                            new FileLocation(number, fileOffset, majorVer, minorVer))));
+            fileMap.map().forEach(
+                    (offset, len, number, fileOffset, majorVer, minorVer, range) ->
+                            layout.add(new MappedRange(offset, len, range.isMemoryType(),
+                                    new FileLocation(number, fileOffset, majorVer, minorVer))));
             return layout;
         }
     }
@@ -301,30 +326,44 @@ public final class BlockStore implements AutoCloseable {
      */
     public void forEachStored(OffHeapRangeMap.Visitor visitor) {
         synchronized (index) {
-            fileMap.forEach(visitor);
+            fileMap.map().forEach(visitor);
         }
     }
 
     /**
-     * Waits for a flush or a compaction in progress, forgets everything and deletes the segment
-     * files. Does nothing the second time.
+     * Flushes, writes a checkpoint of the file map, so that the store is reopened fast, and gives
+     * all memory and files back, even if it fails. Waits for a flush or a compaction in progress.
+     * Does nothing the second time.
+     *
+     * @throws IOException if the flush failed: what it has not written is lost
      */
     @Override
     public void close() throws IOException {
         flushing.lock();
         compacting.lock();
         try {
-            synchronized (index) {
-                for (Snapshot snapshot : List.copyOf(snapshots)) {
-                    snapshot.close();
+            if (!closed) {
+                closed = true;
+                try {
+                    flusher.flush();
+                    fileMap.checkpoint();
+                } finally {
+                    letGo();
                 }
-                allMemoryMaps().forEach(OffHeapRangeMap::close);
-                fileMap.close();
             }
-            files.deleteAll();
         } finally {
             compacting.unlock();
             flushing.unlock();
+        }
+    }
+
+    private void letGo() throws IOException {
+        try (disk; fileMap; files) {
+            synchronized (index) {
+                List.copyOf(snapshots).forEach(Snapshot::close);
+                flusher.close();
+                buffer.close();
+            }
         }
     }
 
@@ -332,13 +371,13 @@ public final class BlockStore implements AutoCloseable {
 
     ReadPlan newPlan(long offset, int length) {
         requireSectors(offset, length);
-        return new ReadPlan(offset, length, sectors, files);
+        return new ReadPlan(offset, length, settings, files, damaged);
     }
 
     void forget(Snapshot snapshot) {
         synchronized (index) {
             snapshots.remove(snapshot);
-            snapshot.memory().close();
+            snapshot.memory().forEach(OffHeapRangeMap::close);
             snapshot.fileMap().close();
         }
     }
@@ -350,294 +389,110 @@ public final class BlockStore implements AutoCloseable {
      * @param callback takes the step that was reached, on the thread that reached it
      */
     public void onStep(Consumer<Step> callback) {
-        onStep = callback;
+        flusher.onStep(callback);
+        compactor.onStep(callback);
     }
 
-    // --- Write and discard -----------------------------------------------------------------------
+    // --- Room for writes and discards ------------------------------------------------------------
 
     private boolean isFull(int length) {
         synchronized (index) {
-            return bufferedBytes() > 0 && bufferedBytes() + length > settings.bufferBytes();
+            return buffer.bytes() > 0 && buffer.bytes() + length > settings.bufferBytes();
         }
     }
 
-    /** Writes unless native memory is at its limit. */
-    private boolean tryWrite(long offset, int length, ByteBuf data) {
+    /** Changes the write buffer; makes room by flushes, and if need be puts the files in order. */
+    private void insert(String operation, Runnable change) throws IOException {
+        boolean done = tryInsert(change);
+        for (boolean more = true; !done && more;) {
+            more = isBuffered();
+            flush();
+            done = tryInsert(change);
+        }
+        if (!done) {
+            // It is the file map that takes the memory.
+            defragment();
+            done = tryInsert(change);
+        }
+        if (!done) {
+            throw new OutOfMemoryError(operation + ": memory limit: " + settings.memoryLimit()
+                    + " (expected: room for an insert when nothing is buffered): " + stats());
+        }
+    }
+
+    private boolean isBuffered() {
         synchronized (index) {
-            long inUse = recordBytes();
-            long id = sequence + 1;
-            // Unique, so that a flush gives back the buffers of this write and of no later one.
-            FileLocation writeId = new FileLocation(0, 0, (int) (id >>> Integer.SIZE), (int) id);
-            budget.admitWrite(inUse);
-            try {
-                active.insert(offset, length, writeId, data);
-                sequence = id;
-                activeBytes += length;
-                notePeaks();
-                return true;
-            } catch (OutOfMemoryError refused) {
-                refusedInserts++;
-                return false;
-            } finally {
-                budget.admitAll();
-            }
+            return buffer.ranges() > 0;
         }
     }
 
-    /**
-     * Puts one hole from the first data in a range to the last. Never one that covers an end of an
-     * older hole: the two would be joined, to more than a length can say if holes are large.
-     */
-    private static void punch(OffHeapRangeMap map, long offset, int length) {
-        long from = offset + length;
-        long to = offset;
-        for (MappedRange range : map.ranges(offset, length)) {
-            if (!Holes.isHole(range.location().majorVer(), range.location().minorVer())) {
-                from = Math.min(from, Math.max(offset, range.offset()));
-                to = Math.min(offset + length, range.end());
-            }
-        }
-        if (from < to) {
-            map.insert(from, (int) (to - from), FileLocation.EMPTY);
-        }
-    }
-
-    // --- Flush -----------------------------------------------------------------------------------
-
-    private long writeOutFrozen() throws IOException {
-        List<Piece> pieces = findBuffered();
-        long written = 0;
-        try {
-            if (!pieces.isEmpty()) {
-                onStep.accept(Step.FLUSH_BEGUN);
-            }
-            for (Piece piece : pieces) {
-                writeOut(piece);
-                written += piece.length;
-            }
-            synchronized (index) {
-                if (frozen != null) {
-                    frozen.close();
-                    frozen = null;
-                    frozenBytes = 0;
-                    flushes += pieces.isEmpty() ? 0 : 1;
-                }
-            }
-        } finally {
-            flushed.sealFull();
-            pieces.forEach(piece -> piece.bytes.release());
-        }
-        return written;
-    }
-
-    private List<Piece> findBuffered() {
-        List<Piece> pieces = new ArrayList<>();
+    /** Changes the write buffer unless the limit leaves no room. */
+    private boolean tryInsert(Runnable change) {
         synchronized (index) {
-            if (frozen != null) {
-                frozen.forEach((offset, len, number, fileOffset, majorVer, minorVer, range) -> {
-                    ByteBuf bytes = range.retainedBuffer();
-                    if (bytes != null) {
-                        pieces.add(new Piece(offset, len,
-                                new FileLocation(number, fileOffset, majorVer, minorVer), bytes));
-                    }
-                });
-            }
-        }
-        return pieces;
-    }
-
-    private void writeOut(Piece piece) throws IOException {
-        for (int done = 0; done < piece.length;) {
-            int length = Math.min(
-                    Math.min(piece.length - done, CHUNK_BYTES), flushed.room());
-            ByteBuffer frames =
-                    sectors.frame(piece.bytes, done, length, piece.location.minorVer());
-            FileLocation place = flushed.append(frames);
-            onStep.accept(Step.APPENDED);
-            publish(piece, done, length, place);
-            done += length;
-        }
-        synchronized (index) {
-            // Whole ranges only: those that a discard has not cut, and what it has left of others.
-            for (MappedRange range : frozen.ranges(piece.offset, piece.length)) {
-                if (isPartOf(range, piece)) {
-                    frozen.compareAndRelease(range.offset(), range.len(), range.location());
-                }
-            }
-        }
-    }
-
-    /** Tells the file map where a part of a piece lies, but for what was discarded meanwhile. */
-    private void publish(Piece piece, int done, int length, FileLocation place) {
-        long start = piece.offset + done;
-        synchronized (index) {
-            for (MappedRange range : frozen.ranges(start, length)) {
-                if (isPartOf(range, piece)) {
-                    long from = Math.max(start, range.offset());
-                    long to = Math.min(start + length, range.end());
-                    fileMap.insert(from, (int) (to - from), place.plus(from - start, sectorSize));
-                }
-            }
-            notePeaks();
-            flushedBytes += length;
-        }
-        onStep.accept(Step.PUBLISHED);
-    }
-
-    private static boolean isPartOf(MappedRange range, Piece piece) {
-        return range.location().majorVer() == piece.location.majorVer()
-                && range.location().minorVer() == piece.location.minorVer();
-    }
-
-    // --- Compaction ------------------------------------------------------------------------------
-
-    private long compact(long mostLive, long enough) throws IOException {
-        compacting.lock();
-        try {
-            long moved = 0;
-            for (MappedRange range : findMovable(mostLive, enough)) {
-                move(range);
-                moved += range.len();
-            }
-            compacted.sealFull();
-            freeEmptySegments();
-            return moved;
-        } finally {
-            compacting.unlock();
-        }
-    }
-
-    /** Finds what is live in the emptiest segments, in the order of the device. */
-    private List<MappedRange> findMovable(long mostLive, long enough) {
-        synchronized (index) {
-            Map<Long, Long> live = new HashMap<>();
-            forEachLive((offset, len, number, fileOffset, majorVer, minorVer, range) ->
-                    live.merge(SegmentFiles.id(number, majorVer), (long) len, Long::sum));
-            List<Segment> candidates = new ArrayList<>(files.sealed());
-            candidates.removeIf(segment -> live.getOrDefault(segment.id(), 0L) > mostLive);
-            candidates.sort(
-                    Comparator.comparingLong(segment -> live.getOrDefault(segment.id(), 0L)));
-            Set<Long> chosen = new HashSet<>();
-            long toMove = 0;
-            for (Segment segment : candidates) {
-                if (toMove < enough) {
-                    chosen.add(segment.id());
-                    toMove += live.getOrDefault(segment.id(), 0L);
-                }
-            }
-            // Only now objects are made: all ranges would be too many for some heaps.
-            List<MappedRange> movable = new ArrayList<>();
-            forEachLive((offset, len, number, fileOffset, majorVer, minorVer, range) -> {
-                if (chosen.contains(SegmentFiles.id(number, majorVer))) {
-                    movable.add(new MappedRange(offset, len, range.isMemoryType(),
-                            new FileLocation(number, fileOffset, majorVer, minorVer)));
-                }
-            });
-            return movable;
-        }
-    }
-
-    private void forEachLive(OffHeapRangeMap.Visitor visitor) {
-        fileMap.forEach((offset, len, number, fileOffset, majorVer, minorVer, range) -> {
-            if (!Holes.isHole(majorVer, minorVer)) {
-                visitor.visit(offset, len, number, fileOffset, majorVer, minorVer, range);
-            }
-        });
-    }
-
-    private void move(MappedRange range) throws IOException {
-        FileLocation old = range.location();
-        for (int done = 0; done < range.len();) {
-            int length = Math.min(Math.min(range.len() - done, CHUNK_BYTES), compacted.room());
-            FileLocation from = old.plus(done, sectorSize);
-            long offset = range.offset() + done;
-            Segment source = files.pin(from.number(), from.majorVer());
-            FileLocation to;
-            try {
-                ByteBuffer frames = source.read(from.offset(), sectors.framedLength(length));
-                sectors.verify(frames, offset, source);
-                to = compacted.append(frames);
-            } finally {
-                files.unpin(source);
-            }
-            onStep.accept(Step.COPIED);
-            synchronized (index) {
-                if (fileMap.compareAndSet(offset, length, from, to)) {
-                    movedBytes += length;
+            if (hasRoom(INSERT_BYTES)) {
+                try {
+                    change.run();
                     notePeaks();
+                    return true;
+                } catch (OutOfMemoryError refused) {
+                    // By the limit of the process, which has other users.
                 }
             }
-            done += length;
+            refusedInserts++;
+            return false;
         }
     }
 
-    private void freeEmptySegments() throws IOException {
-        synchronized (index) {
-            Set<Long> live = new HashSet<>();
-            forEachLive((offset, len, number, fileOffset, majorVer, minorVer, range) ->
-                    live.add(SegmentFiles.id(number, majorVer)));
-            for (Segment segment : files.sealed()) {
-                if (!live.contains(segment.id())) {
-                    files.retire(segment);
-                    freedSegments++;
-                }
-            }
-        }
+    private boolean hasRoom(long more) {
+        return settings.memoryLimit() - recordBytes() >= more;
     }
 
-    // --- All -------------------------------------------------------------------------------------
+    // --- Figures ---------------------------------------------------------------------------------
 
     /** Gives the logical bytes that fit a segment. */
     private int capacity() {
-        return settings.segmentBytes() / sectors.frameLength() * sectorSize;
+        return settings.segmentBytes() / frames.frameLength() * sectorSize;
     }
 
-    private OffHeapRangeMap newMap() {
-        return OffHeapRangeMap.create(settings.height(), sectorSize);
-    }
-
-    /** Gives the memory maps, the newest first. */
-    private List<OffHeapRangeMap> allMemoryMaps() {
-        return frozen == null ? List.of(active) : List.of(active, frozen);
+    /** Counts a change that the file map has taken. */
+    private void note(Change change) {
+        switch (change.kind()) {
+            case WRITTEN -> flushedBytes += change.length();
+            case MOVED -> movedBytes += change.length();
+            default -> { }
+        }
+        notePeaks();
     }
 
     /** To be called after every change that makes a map grow. */
     private void notePeaks() {
-        peaks = peaks.and(memoryRanges(), fileMap.size(), bufferedBytes(), recordBytes(),
+        peaks = peaks.and(buffer.ranges(), fileMap.map().size(), buffer.bytes(), recordBytes(),
                 allRanges(), 0, 0);
     }
 
-    private int memoryRanges() {
-        return active.size() + (frozen == null ? 0 : frozen.size());
-    }
-
     private int allRanges() {
-        int sum = memoryRanges() + fileMap.size();
+        int sum = buffer.ranges() + fileMap.map().size();
         for (Snapshot snapshot : snapshots) {
-            sum += snapshot.memory().size() + snapshot.fileMap().size();
+            sum += sumOfSizes(snapshot.memory()) + snapshot.fileMap().size();
         }
         return sum;
-    }
-
-    /** Counts what was accepted, overwritten or not: all of it may still be held in buffers. */
-    private long bufferedBytes() {
-        return activeBytes + frozenBytes;
     }
 
     private long recordBytes() {
-        long sum = recordBytes(allMemoryMaps(), fileMap);
+        long sum = recordBytes(buffer.ranges(), fileMap.map().size());
         for (Snapshot snapshot : snapshots) {
-            sum += recordBytes(List.of(snapshot.memory()), snapshot.fileMap());
+            sum += recordBytes(sumOfSizes(snapshot.memory()), snapshot.fileMap().size());
         }
         return sum;
     }
 
-    private static long recordBytes(List<OffHeapRangeMap> memoryMaps, OffHeapRangeMap fileMap) {
-        long sum = (long) fileMap.size() * StoreStats.RANGE_BYTES;
-        for (OffHeapRangeMap map : memoryMaps) {
-            sum += (long) map.size() * (StoreStats.RANGE_BYTES + StoreStats.BUFFER_BYTES);
-        }
-        return sum;
+    private static int sumOfSizes(List<OffHeapRangeMap> maps) {
+        return maps.stream().mapToInt(OffHeapRangeMap::size).sum();
+    }
+
+    private static long recordBytes(int memoryRanges, int fileRanges) {
+        return (long) fileRanges * StoreStats.RANGE_BYTES
+                + (long) memoryRanges * (StoreStats.RANGE_BYTES + StoreStats.BUFFER_BYTES);
     }
 
     private void requireSectors(long offset, int length) {

@@ -5,18 +5,21 @@ import java.io.IOException;
 import java.nio.ByteBuffer;
 import java.util.ArrayList;
 import java.util.List;
+import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.OffHeapRangeMap;
 
 /**
- * Where the bytes of one read are: in buffers, which the plan holds, and in segment files, which it
- * keeps from being deleted. It is made under the lock of the maps and carried out without it, so
- * that no file is read while others wait.
+ * The read path. A plan says where the bytes of one read are: in buffers, which it holds, and in
+ * segment files, which it keeps from being deleted. It is made under the lock of the maps and
+ * carried out without it, so that no file is read while others wait.
  */
 final class ReadPlan implements AutoCloseable {
     private final long start;
     private final int length;
-    private final Sectors sectors;
+    private final StoreSettings settings;
     private final SegmentFiles files;
+    private final DamagedSectors damaged;
+    private final Frames frames;
     private final List<Buffered> buffered = new ArrayList<>();
     private final List<Stored> stored = new ArrayList<>();
 
@@ -26,14 +29,17 @@ final class ReadPlan implements AutoCloseable {
     private record Buffered(long start, int length, ByteBuf bytes, int from) {
     }
 
-    private record Stored(long start, int length, Segment segment, int position) {
+    private record Stored(long start, int length, Segment segment, FileLocation place) {
     }
 
-    ReadPlan(long start, int length, Sectors sectors, SegmentFiles files) {
+    ReadPlan(long start, int length, StoreSettings settings, SegmentFiles files,
+            DamagedSectors damaged) {
         this.start = start;
         this.length = length;
-        this.sectors = sectors;
+        this.settings = settings;
         this.files = files;
+        this.damaged = damaged;
+        frames = new Frames(settings.sectorSize());
     }
 
     /** Looks into the buffers, the newest first, and for what is left into the file map. */
@@ -60,37 +66,34 @@ final class ReadPlan implements AutoCloseable {
                     (int) (piece.start - start), piece.length);
         }
         for (Stored piece : stored) {
-            ByteBuffer frames =
-                    piece.segment.read(piece.position, sectors.framedLength(piece.length));
-            sectors.verify(frames, piece.start, piece.segment);
-            sectors.unframe(frames, bytes, (int) (piece.start - start));
+            read(piece, bytes);
         }
         return bytes;
     }
 
     /** Gives buffers and segments back. */
     @Override
-    public void close() throws IOException {
+    public void close() {
         buffered.forEach(piece -> piece.bytes.release());
-        for (Stored piece : stored) {
-            files.unpin(piece.segment);
-        }
+        stored.forEach(piece -> files.unpin(piece.segment));
     }
 
     private void findBuffered(OffHeapRangeMap memory, Gap gap, List<Gap> left) {
         long[] reached = {gap.start};
         memory.forEach(gap.start, (int) (gap.end - gap.start),
                 (offset, len, number, fileOffset, majorVer, minorVer, range) -> {
-                    // Holes, and ranges whose buffer was given back after they reached the file.
                     ByteBuf bytes = range.retainedBuffer();
-                    if (bytes == null) {
+                    if (bytes == null && !Holes.isHole(majorVer, minorVer)) {
+                        // Its buffer was given back after it had reached the file.
                         return;
                     }
                     long from = Math.max(offset, gap.start);
                     long to = Math.min(offset + len, gap.end);
                     addGap(left, reached[0], from);
-                    buffered.add(new Buffered(
-                            from, (int) (to - from), bytes, (int) (from - offset)));
+                    if (bytes != null) {
+                        buffered.add(new Buffered(
+                                from, (int) (to - from), bytes, (int) (from - offset)));
+                    }
                     reached[0] = to;
                 });
         addGap(left, reached[0], gap.end);
@@ -110,8 +113,30 @@ final class ReadPlan implements AutoCloseable {
                     }
                     long from = Math.max(offset, gap.start);
                     long to = Math.min(offset + len, gap.end);
-                    stored.add(new Stored(from, (int) (to - from), files.pin(number, majorVer),
-                            fileOffset + sectors.framedLength((int) (from - offset))));
+                    FileLocation place = new FileLocation(number, fileOffset, majorVer, minorVer)
+                            .plus(from - offset, settings.sectorSize());
+                    stored.add(new Stored(from, (int) (to - from),
+                            files.pin(SegmentFiles.id(place)), place));
                 });
+    }
+
+    private void read(Stored piece, byte[] bytes) throws IOException {
+        ByteBuffer found = ByteBuffer.allocate(frames.framedLength(piece.length));
+        try {
+            files.read(piece.segment, found, piece.place.offset());
+        } catch (IOException e) {
+            throw new IOException("sectors from offset " + piece.start + " to "
+                    + (piece.start + piece.length) + ", " + piece.segment.name() + " at byte "
+                    + piece.place.offset() + ": " + e.getMessage(), e);
+        }
+        for (int at = 0; at < piece.length; at += settings.sectorSize()) {
+            long offset = piece.start + at;
+            FileLocation place = piece.place.plus(at, settings.sectorSize());
+            int position = frames.framedLength(at);
+            if (!frames.isWhole(found, position, offset, place)) {
+                throw damaged.note(offset, place, "is not what was written there");
+            }
+            frames.unframe(found, position, bytes, (int) (offset - start));
+        }
     }
 }

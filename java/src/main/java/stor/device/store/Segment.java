@@ -1,22 +1,17 @@
 package stor.device.store;
 
-import java.io.EOFException;
 import java.io.IOException;
 import java.nio.ByteBuffer;
-import java.nio.channels.FileChannel;
-import java.nio.file.Files;
-import java.nio.file.Path;
-import java.nio.file.StandardOpenOption;
+import stor.device.store.Disk.DiskFile;
 
 /**
- * One file of the log. Written once, front to back, by one {@link SegmentWriter}; read by anyone.
+ * One file of frames. Written once, front to back, by one {@link SegmentWriter}; read by anyone.
  * When it may go is decided by {@link SegmentFiles}, which also guards the fields that say so.
  */
 final class Segment {
-    final int number;
-    final int generation;
-    private final Path path;
-    private final FileChannel file;
+    final long id;
+    private final Disk disk;
+    private DiskFile file;
 
     // Guarded by SegmentFiles.
     int pins;
@@ -24,42 +19,50 @@ final class Segment {
     boolean sealed;
     boolean retired;
 
-    /** Makes an empty file, in the place of one of that name. */
-    Segment(Path folder, int number, int generation) throws IOException {
-        this.number = number;
-        this.generation = generation;
-        path = folder.resolve(String.format("segment-%06d", SegmentFiles.id(number, generation)));
-        file = FileChannel.open(path, StandardOpenOption.CREATE, StandardOpenOption.READ,
-                StandardOpenOption.WRITE, StandardOpenOption.TRUNCATE_EXISTING);
+    /** Makes a segment whose file is opened when it is read. */
+    Segment(Disk disk, long id) {
+        this.disk = disk;
+        this.id = id;
     }
 
-    long id() {
-        return SegmentFiles.id(number, generation);
+    synchronized void create() throws IOException {
+        file = disk.create(name());
     }
 
-    void write(ByteBuffer frames, int position) throws IOException {
-        for (int at = position; frames.hasRemaining();) {
-            at += file.write(frames, at);
+    synchronized void write(ByteBuffer frames, int position) throws IOException {
+        file.write(frames, position);
+    }
+
+    synchronized void force() throws IOException {
+        file.force();
+    }
+
+    synchronized void truncate(int length) throws IOException {
+        file.truncate(length);
+    }
+
+    synchronized void read(ByteBuffer frames, int position) throws IOException {
+        if (file == null) {
+            file = disk.open(name());
         }
+        file.read(frames, position);
     }
 
-    ByteBuffer read(int position, int length) throws IOException {
-        ByteBuffer frames = ByteBuffer.allocate(length);
-        while (frames.hasRemaining()) {
-            if (file.read(frames, position + (long) frames.position()) < 0) {
-                throw new EOFException(this + ": ends before " + (position + (long) length));
-            }
+    /** Closes the file until it is read again. */
+    synchronized void rest() throws IOException {
+        if (file != null) {
+            DiskFile open = file;
+            file = null;
+            open.close();
         }
-        return frames.flip();
     }
 
     void delete() throws IOException {
-        file.close();
-        Files.deleteIfExists(path);
+        rest();
+        disk.delete(name());
     }
 
-    @Override
-    public String toString() {
-        return "segment " + number + ", generation " + generation;
+    String name() {
+        return SegmentFiles.name(id);
     }
 }

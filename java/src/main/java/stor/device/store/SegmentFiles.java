@@ -1,96 +1,109 @@
 package stor.device.store;
 
+import java.io.Closeable;
 import java.io.IOException;
-import java.nio.file.Path;
+import java.nio.ByteBuffer;
+import java.util.ArrayList;
+import java.util.LinkedHashSet;
 import java.util.List;
 import java.util.Map;
+import java.util.OptionalLong;
+import java.util.Set;
 import java.util.TreeMap;
+import stor.device.skiplist.FileLocation;
 
 /**
- * The segment files of a store: gives out their numbers, and deletes a file when nobody needs it.
+ * The segment files of a store: counts them, keeps a bounded number of them open, and deletes a file
+ * when nobody needs it.
  *
  * <p>A segment is <em>open</em> while a writer appends to it, then <em>sealed</em>. A sealed
  * segment in which nothing is live is <em>retired</em>, and deleted when nobody has it pinned any
- * more: neither a read under way nor a snapshot. Segments are counted; a location names one by the
- * low 8 bits of its count and, as its generation, the rest. So there may be as many as the disk
- * holds, and a location in an old file never equals one in a new.
+ * more: neither a read under way nor a snapshot. A location names a segment by the low 8 bits of its
+ * count and, as its major version, the rest. No count is used twice, so there may be as many as the
+ * disk holds, and a location in an old file never equals one in a new.
  *
- * <p>Safe for use by several threads.
+ * <p>Safe for use by several threads. No file is touched under the lock.
  */
-final class SegmentFiles {
+final class SegmentFiles implements Closeable {
     /** As many as the number in a location can tell apart. */
     private static final int NUMBERS = 256;
+    private static final int MOST_OPEN = 128;
+    private static final String PREFIX = "segment-";
 
-    private final Path folder;
+    private final Disk disk;
     private final Map<Long, Segment> byId = new TreeMap<>();
-    private long created;
+    private final List<Segment> garbage = new ArrayList<>();
+    /** Those that are read, the one that was read last at the end. */
+    private final Set<Segment> opened = new LinkedHashSet<>();
+    private long next;
     private long bytes;
     private long peakBytes;
     private long appendedBytes;
     private int peakCount;
 
-    SegmentFiles(Path folder) {
-        this.folder = folder;
+    /** Makes an empty set; the first segment created has the given count. */
+    SegmentFiles(Disk disk, long next) {
+        this.disk = disk;
+        this.next = next;
     }
 
-    /** Makes an open segment. */
-    synchronized Segment create() throws IOException {
-        Segment segment = new Segment(
-                folder, (int) (created % NUMBERS), (int) (created / NUMBERS) + 1);
-        created++;
-        byId.put(id(segment.number, segment.generation), segment);
-        peakCount = Math.max(peakCount, count());
-        return segment;
+    static long id(FileLocation place) {
+        return id(place.number(), place.majorVer());
     }
 
     /** Gives the count of the segment that a location names. */
-    static long id(int number, int generation) {
-        return (generation - 1L) * NUMBERS + number;
+    static long id(int number, int majorVer) {
+        return (long) majorVer * NUMBERS + number;
     }
 
-    /** Finds the segment of a location that a map holds, and keeps it until it is unpinned. */
-    synchronized Segment pin(int number, int generation) {
-        Segment segment = byId.get(id(number, generation));
-        if (segment == null) {
-            throw new IllegalStateException("segment " + number + ", generation " + generation
-                    + ": is no segment");
+    static FileLocation place(long id, int position) {
+        return new FileLocation((int) (id % NUMBERS), position, (int) (id / NUMBERS), 0);
+    }
+
+    static String name(long id) {
+        return PREFIX + String.format("%06d", id);
+    }
+
+    /** Gives the count of the segment with that file name, or nothing if it is no segment's. */
+    static OptionalLong parse(String name) {
+        return name.matches(PREFIX + "\\d{6,12}")
+                ? OptionalLong.of(Long.parseLong(name.substring(PREFIX.length())))
+                : OptionalLong.empty();
+    }
+
+    // --- Writing ---------------------------------------------------------------------------------
+
+    /** Makes an open segment. */
+    Segment create() throws IOException {
+        Segment segment = new Segment(disk, takeNext());
+        try {
+            segment.create();
+        } catch (IOException e) {
+            addGarbage(segment);
+            throw e;
         }
-        segment.pins++;
+        add(segment);
         return segment;
     }
 
-    /** Keeps all segments that are not retired until they are unpinned. */
-    synchronized List<Segment> pinAll() {
-        List<Segment> pinned = inUse().stream().filter(segment -> !segment.retired).toList();
-        pinned.forEach(segment -> segment.pins++);
-        return pinned;
+    private synchronized long takeNext() {
+        return next++;
     }
 
-    synchronized void unpin(Segment segment) throws IOException {
-        segment.pins--;
-        deleteIfDone(segment);
+    private synchronized void add(Segment segment) {
+        byId.put(segment.id, segment);
+        bytes += segment.bytes;
+        peakBytes = Math.max(peakBytes, bytes);
+        peakCount = Math.max(peakCount, byId.size());
     }
 
-    synchronized void seal(Segment segment) {
+    /** Takes a segment that another process has left, with the length of its file. */
+    synchronized void takeOver(long id, long length) {
+        Segment segment = new Segment(disk, id);
         segment.sealed = true;
-    }
-
-    /** Lists the segments that compaction may empty or retire. */
-    synchronized List<Segment> sealed() {
-        return inUse().stream().filter(segment -> segment.sealed && !segment.retired).toList();
-    }
-
-    synchronized void retire(Segment segment) throws IOException {
-        segment.retired = true;
-        deleteIfDone(segment);
-    }
-
-    synchronized int count() {
-        return byId.size();
-    }
-
-    synchronized int peakCount() {
-        return peakCount;
+        segment.bytes = length;
+        next = Math.max(next, id + 1);
+        add(segment);
     }
 
     /** Counts bytes at the end of a segment. */
@@ -99,6 +112,153 @@ final class SegmentFiles {
         bytes += length;
         appendedBytes += length;
         peakBytes = Math.max(peakBytes, bytes);
+    }
+
+    /** Counts bytes that have been taken back from the end of a segment. */
+    synchronized void noteTruncated(Segment segment, int length) {
+        bytes -= segment.bytes - length;
+        segment.bytes = length;
+    }
+
+    // --- Reading ---------------------------------------------------------------------------------
+
+    /** Finds the segment of a location that a map holds, and keeps it until it is unpinned. */
+    synchronized Segment pin(long id) {
+        Segment segment = byId.get(id);
+        if (segment == null) {
+            throw new IllegalStateException(name(id) + ": is no segment");
+        }
+        segment.pins++;
+        return segment;
+    }
+
+    /** Keeps all segments that are not retired until they are unpinned. */
+    synchronized List<Segment> pinAll() {
+        List<Segment> pinned =
+                byId.values().stream().filter(segment -> !segment.retired).toList();
+        pinned.forEach(segment -> segment.pins++);
+        return pinned;
+    }
+
+    void unpin(Segment segment) {
+        if (release(segment)) {
+            try {
+                deleteGarbage();
+            } catch (IOException e) {
+                // The file remains garbage, and the next compaction tells why.
+            }
+        }
+    }
+
+    /** Tells whether that was the last that kept the file. */
+    private synchronized boolean release(Segment segment) {
+        segment.pins--;
+        return dropIfDone(segment);
+    }
+
+    /** Reads frames of a pinned segment; closes another's file if too many are open. */
+    void read(Segment segment, ByteBuffer frames, int position) throws IOException {
+        segment.read(frames, position);
+        Segment longest = noteRead(segment);
+        if (longest != null) {
+            longest.rest();
+        }
+    }
+
+    /** Gives the segment that was not read for longest, if too many are open. */
+    private synchronized Segment noteRead(Segment segment) {
+        if (!segment.sealed) {
+            return null;
+        }
+        opened.remove(segment);
+        opened.add(segment);
+        if (opened.size() <= MOST_OPEN) {
+            return null;
+        }
+        Segment longest = opened.iterator().next();
+        opened.remove(longest);
+        return longest;
+    }
+
+    // --- Going -----------------------------------------------------------------------------------
+
+    synchronized void seal(Segment segment) {
+        segment.sealed = true;
+    }
+
+    /** Lists the segments that compaction may empty or retire. */
+    synchronized List<Segment> sealed() {
+        return byId.values().stream()
+                .filter(segment -> segment.sealed && !segment.retired).toList();
+    }
+
+    /** Lets a segment go in which nothing is live; {@link #deleteGarbage} deletes the file. */
+    synchronized void retire(Segment segment) {
+        segment.retired = true;
+        dropIfDone(segment);
+    }
+
+    private boolean dropIfDone(Segment segment) {
+        boolean done =
+                segment.retired && segment.pins == 0 && byId.remove(segment.id) != null;
+        if (done) {
+            bytes -= segment.bytes;
+            opened.remove(segment);
+            garbage.add(segment);
+        }
+        return done;
+    }
+
+    private synchronized void addGarbage(Segment segment) {
+        garbage.add(segment);
+    }
+
+    /** Deletes the files of segments that went; those that cannot be deleted are tried again. */
+    void deleteGarbage() throws IOException {
+        IOException failure = null;
+        for (Segment segment : takeGarbage()) {
+            try {
+                segment.delete();
+            } catch (IOException e) {
+                addGarbage(segment);
+                failure = e;
+            }
+        }
+        if (failure != null) {
+            throw failure;
+        }
+    }
+
+    private synchronized List<Segment> takeGarbage() {
+        List<Segment> taken = List.copyOf(garbage);
+        garbage.clear();
+        return taken;
+    }
+
+    /** Closes all files. */
+    @Override
+    public void close() throws IOException {
+        for (Segment segment : all()) {
+            segment.rest();
+        }
+    }
+
+    private synchronized List<Segment> all() {
+        return List.copyOf(byId.values());
+    }
+
+    // --- Figures ---------------------------------------------------------------------------------
+
+    synchronized long next() {
+        return next;
+    }
+
+    synchronized int count() {
+        return byId.size();
+    }
+
+    synchronized int peakCount() {
+        return peakCount;
     }
 
     /** Gives the bytes of all files. */
@@ -113,23 +273,5 @@ final class SegmentFiles {
     /** Gives the bytes ever appended, those of deleted files included. */
     synchronized long appendedBytes() {
         return appendedBytes;
-    }
-
-    synchronized void deleteAll() throws IOException {
-        for (Segment segment : inUse()) {
-            byId.remove(segment.id());
-            segment.delete();
-        }
-    }
-
-    private List<Segment> inUse() {
-        return List.copyOf(byId.values());
-    }
-
-    private void deleteIfDone(Segment segment) throws IOException {
-        if (segment.retired && segment.pins == 0 && byId.remove(segment.id()) != null) {
-            bytes -= segment.bytes;
-            segment.delete();
-        }
     }
 }

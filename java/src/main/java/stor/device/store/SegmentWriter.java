@@ -2,67 +2,105 @@ package stor.device.store;
 
 import java.io.IOException;
 import java.nio.ByteBuffer;
-import java.util.ArrayList;
-import java.util.List;
 import stor.device.skiplist.FileLocation;
 
-/** Appends frames to one open segment after another. One thread at a time. */
+/**
+ * Appends batches of frames to one open segment after another; a batch lies in one segment. One
+ * thread at a time.
+ *
+ * <pre>
+ *   room, next, append --&gt; force --&gt; [the journal has it] --&gt; keep
+ *                  \          \               \
+ *                   +----------+-- takeBack    +-- finish: it may have it, or not
+ * </pre>
+ *
+ * <p>What fails ends its segment: no place in a file is ever written twice, so that no frame can be
+ * taken for a later one.
+ */
 final class SegmentWriter {
+    private final Disk disk;
     private final SegmentFiles files;
-    private final Sectors sectors;
+    private final Frames frames;
     private final StoreSettings settings;
-    private final List<Segment> full = new ArrayList<>();
     private Segment open;
+    private boolean named;
+    private int kept;
     private int position;
 
-    SegmentWriter(SegmentFiles files, Sectors sectors, StoreSettings settings) {
+    SegmentWriter(Disk disk, SegmentFiles files, Frames frames, StoreSettings settings) {
+        this.disk = disk;
         this.files = files;
-        this.sectors = sectors;
+        this.frames = frames;
         this.settings = settings;
     }
 
-    /** Gives how many logical bytes the next {@link #append} may hold, at least one sector. */
+    /** Gives how many logical bytes the next batch may hold, at least one sector. */
     int room() throws IOException {
-        if (open == null || frames() == 0) {
-            Segment next = files.create();
-            if (open != null) {
-                full.add(open);
-            }
-            open = next;
+        if (open != null && framesLeft() == 0) {
+            finish();
+        }
+        if (open == null) {
+            open = files.create();
+            named = false;
+            kept = 0;
             position = 0;
         }
-        return frames() * settings.sectorSize();
+        return framesLeft() * settings.sectorSize();
     }
 
-    /** Writes frames, for no more than {@link #room()} logical bytes, and says where they lie. */
-    FileLocation append(ByteBuffer frames) throws IOException {
-        FileLocation place = new FileLocation(open.number, position, open.generation, 0);
-        int length = frames.remaining();
+    /** Gives the place that the first frame of the next {@link #append} will have. */
+    FileLocation next() {
+        return SegmentFiles.place(open.id, position);
+    }
+
+    /** Writes frames. */
+    void append(ByteBuffer batch) throws IOException {
+        int length = batch.remaining();
+        open.write(batch, position);
         position += length;
-        open.write(frames, place.offset());
         files.noteAppended(open, length);
-        return place;
     }
 
-    /**
-     * Seals the segments that are full. To be called when the file map knows all that was appended
-     * and is worth keeping: from then on a segment in which nothing is live may go.
-     */
-    void sealFull() {
-        full.forEach(files::seal);
-        full.clear();
+    /** Makes what was appended last, and the name of its file. */
+    void force() throws IOException {
+        open.force();
+        if (!named) {
+            disk.forceNames();
+            named = true;
+        }
     }
 
-    /** Seals the open segment, too. */
+    /** Ends the batch; from then on the file map may refer to it. */
+    void keep() {
+        kept = position;
+    }
+
+    /** Gives back the room of a batch that failed, and that nobody can know of. */
+    void takeBack(Throwable failure) {
+        Segment failed = open;
+        finish();
+        try {
+            if (failed != null && kept == 0) {
+                files.retire(failed);
+                files.deleteGarbage();
+            } else if (failed != null) {
+                failed.truncate(kept);
+                files.noteTruncated(failed, kept);
+            }
+        } catch (IOException e) {
+            failure.addSuppressed(e);
+        }
+    }
+
+    /** Ends the segment: nothing will be added to it, so it may go when nothing in it is live. */
     void finish() {
         if (open != null) {
-            full.add(open);
+            files.seal(open);
             open = null;
         }
-        sealFull();
     }
 
-    private int frames() {
-        return (settings.segmentBytes() - position) / sectors.frameLength();
+    private int framesLeft() {
+        return (settings.segmentBytes() - position) / frames.frameLength();
     }
 }

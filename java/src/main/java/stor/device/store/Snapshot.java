@@ -13,13 +13,14 @@ import stor.device.skiplist.OffHeapRangeMap;
  */
 public final class Snapshot implements AutoCloseable {
     private final BlockStore store;
-    private final OffHeapRangeMap memory;
+    private final List<OffHeapRangeMap> memory;
     private final OffHeapRangeMap fileMap;
     private final SegmentFiles files;
     private final List<Segment> pinned;
     private final AtomicBoolean closed = new AtomicBoolean();
 
-    Snapshot(BlockStore store, OffHeapRangeMap memory, OffHeapRangeMap fileMap,
+    /** Takes copies of the maps, those of the memory with the newest first. */
+    Snapshot(BlockStore store, List<OffHeapRangeMap> memory, OffHeapRangeMap fileMap,
             SegmentFiles files) {
         this.store = store;
         this.memory = memory;
@@ -38,31 +39,21 @@ public final class Snapshot implements AutoCloseable {
      */
     public byte[] read(long offset, int length) throws IOException {
         try (ReadPlan plan = store.newPlan(offset, length)) {
-            return plan.find(List.of(memory), fileMap).execute();
+            return plan.find(memory, fileMap).execute();
         }
     }
 
     /** Lets buffers and segments go; does nothing the second time. */
     @Override
-    public void close() throws IOException {
+    public void close() {
         if (closed.compareAndSet(false, true)) {
             // First the maps, which waits for a read that is looking for segments to pin.
             store.forget(this);
-            for (Segment segment : pinned) {
-                files.unpin(segment);
-            }
+            pinned.forEach(files::unpin);
         }
     }
 
-    /** Fills the snapshot; the memory maps come with the newest first. */
-    void copy(List<OffHeapRangeMap> memoryMaps, OffHeapRangeMap files) {
-        for (int i = memoryMaps.size() - 1; i >= 0; i--) {
-            memoryMaps.get(i).copyTo(memory);
-        }
-        files.copyTo(fileMap);
-    }
-
-    OffHeapRangeMap memory() {
+    List<OffHeapRangeMap> memory() {
         return memory;
     }
 

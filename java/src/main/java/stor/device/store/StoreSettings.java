@@ -23,7 +23,7 @@ public record StoreSettings(
      */
     public StoreSettings {
         require("sector size", sectorSize, sectorSize == 512 || sectorSize == 4096, "512 or 4096");
-        int frame = sectorSize + Sectors.TRAILER_BYTES;
+        int frame = sectorSize + Frames.TRAILER_BYTES;
         require("segment size", segmentBytes, segmentBytes >= frame, ">= " + frame);
         require("buffer size", bufferBytes, bufferBytes >= sectorSize, ">= " + sectorSize);
         require("memory limit", memoryLimit, memoryLimit > 0, "> 0");

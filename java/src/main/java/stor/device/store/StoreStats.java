@@ -1,5 +1,7 @@
 package stor.device.store;
 
+import java.util.List;
+
 /**
  * What a {@link BlockStore} holds and has done.
  *
@@ -17,12 +19,14 @@ package stor.device.store;
  * @param freedSegments the segments that compaction retired
  * @param fileBytes the bytes of all segment files, with the trailers of sectors
  * @param appendedBytes the bytes that flushes and compactions have ever appended to segment files
+ * @param journalBytes the bytes of the journal, its checkpoint included
+ * @param damagedSectors the offsets of the sectors that were found unreadable
  * @param peaks the most of each at any time
  */
 public record StoreStats(int memoryRanges, int fileRanges, int ranges, long bufferedBytes,
         long recordBytes, long sweptBytes, int segments, long refusedInserts,
         long flushes, long flushedBytes, long movedBytes, int freedSegments, long fileBytes,
-        long appendedBytes, StorePeaks peaks) {
+        long appendedBytes, long journalBytes, List<Long> damagedSectors, StorePeaks peaks) {
     /** The library's records of a range, in bytes. */
     public static final int RANGE_BYTES = 104;
     /** The library's record of the buffer that a range may hold, in bytes. */

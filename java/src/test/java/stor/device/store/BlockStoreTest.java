@@ -1,323 +1,357 @@
 package stor.device.store;
 
-import static org.junit.jupiter.api.Assertions.assertArrayEquals;
 import static org.junit.jupiter.api.Assertions.assertDoesNotThrow;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import io.netty.buffer.ByteBuf;
+import io.netty.buffer.Unpooled;
 import java.io.IOException;
-import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.Arrays;
 import java.util.List;
 import java.util.Random;
-import java.util.stream.Stream;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
-import stor.device.replay.CountedBuffers;
+import stor.device.skiplist.NativeMemory;
 import stor.device.store.BlockStore.Step;
+import stor.device.store.DeviceModel.Request;
 
-/**
- * The promises of the store, on a device of a few sectors. A device is written down as one digit a
- * sector: the byte that fills it, 0 for zeros.
- */
+/** The promises of the store, on a device of a few sectors beside its model. */
 class BlockStoreTest {
-    private static final int SECTOR = 512;
-    private static final long NO_LIMIT = 1 << 30;
+    private static final int SECTOR = DeviceModel.SECTOR;
+    private static final int FRAME = SECTOR + Frames.TRAILER_BYTES;
+    private static final int SECTORS = 256;
     private static final int SECTORS_IN_A_SEGMENT = 8;
 
-    private final CountedBuffers buffers = new CountedBuffers();
-    @TempDir
-    private Path folder;
+    private final MemoryDisk memory = new MemoryDisk();
+    private final FaultyDisk disk = new FaultyDisk(memory);
+    private final DeviceModel model = new DeviceModel(0, SECTORS);
+    private long id;
     private BlockStore store;
 
     @AfterEach
-    void closingLeavesNothing() throws IOException {
+    void closingTwiceIsQuietAndReopeningFindsAll() throws IOException {
         store.close();
         store.close();
-        assertEquals(0, buffers.inUse());
-        assertEquals(List.of(), segmentFiles());
-        assertThrows(IllegalStateException.class, () -> write(0, "1"));
         assertThrows(IllegalStateException.class, () -> store.read(0, SECTOR));
+        open(disk, 1 << 20);
+        model.check(store::read);
+        store.close();
     }
 
     @Test
-    void whatWasWrittenIsReadWhereverItIs() throws IOException {
-        open(NO_LIMIT);
-        write(1, "11111111");
-        assertHolds("0111111110");
-        store.flush();
-        write(2, "22");
-        store.discard(5 * SECTOR, SECTOR);
-        assertHolds("0122101110");
-        // In the file map, in the frozen map and in the active one.
-        killFlush(1, Step.FLUSH_BEGUN);
-        write(3, "3");
-        store.discard(2 * SECTOR, SECTOR);
-        assertHolds("0103101110");
-        store.flush();
-        assertHolds("0103101110");
-        assertArrayEquals(fill("31"), store.read(3 * SECTOR, 2 * SECTOR));
-    }
-
-    @Test
-    void aHoleThatIsCutStaysAHole() throws IOException {
-        open(NO_LIMIT);
-        write(0, "1111111111");
-        store.flush();
-        store.discard(0, 9 * SECTOR);
-        write(4, "2");
-        store.flush();
-        assertHolds("0000200001");
-        store.discard(2 * SECTOR, 4 * SECTOR);
-        assertHolds("0000000001");
-        write(1, "3");
-        assertHolds("0300000001");
-    }
-
-    @Test
-    void aDiscardAndAWriteInTheMiddleOfAFlushHold() throws IOException {
-        for (Step step : List.of(Step.FLUSH_BEGUN, Step.APPENDED, Step.PUBLISHED)) {
-            open(NO_LIMIT);
-            write(0, "1111111111");
+    void whatHappensInTheMiddleOfAFlushOrACompactionHolds() throws IOException {
+        open(disk, 1 << 20);
+        for (Step step : Step.values()) {
+            scatter();
+            write(100, 10);
+            boolean[] met = new boolean[1];
             store.onStep(now -> {
-                if (now == step) {
-                    store.onStep(later -> { });
-                    store.discard(3 * SECTOR, 4 * SECTOR);
-                    assertDoesNotThrow(() -> write(6, "22"));
+                if (now == step && !met[0]) {
+                    met[0] = true;
+                    assertDoesNotThrow(() -> {
+                        write(2, 3);
+                        discard(4, 30);
+                        write(20, 40);
+                    });
                 }
             });
             store.flush();
-            assertHolds("1110002211");
+            store.compact();
+            assertTrue(met[0], step.toString());
+            model.check(store::read);
             store.flush();
-            assertHolds("1110002211");
+            store.compact();
+            model.check(store::read);
+        }
+    }
+
+    @Test
+    void aSnapshotDoesNotChangeAndKeepsItsFiles() throws IOException {
+        open(disk, 1 << 20);
+        scatter();
+        write(2, 3);
+        discard(3, 1);
+        disk.fail(1, 3);
+        assertThrows(IOException.class, store::flush);
+        disk.fail(Long.MAX_VALUE, 0);
+        write(4, 1);
+        discard(9, 2);
+        DeviceModel then = model.copy();
+        Snapshot snapshot = store.snapshot();
+        write(0, SECTORS);
+        store.flush();
+        store.compact();
+        then.check(snapshot::read);
+        int kept = store.stats().segments();
+        snapshot.close();
+        snapshot.close();
+        assertTrue(store.stats().segments() < kept, kept + " before");
+        assertThrows(IllegalStateException.class, () -> snapshot.read(0, SECTOR));
+    }
+
+    @Test
+    void holesOfAnyLengthMayMeetAndOverlap() throws IOException {
+        open(disk, 1 << 20);
+        int huge = Integer.MAX_VALUE / SECTOR * SECTOR;
+        write(0, 40);
+        for (long start : new long[] {0, huge - 4L * SECTOR, 3L * huge, 2L * huge - SECTOR, 0}) {
+            store.discard(start, huge);
+            store.flush();
+            store.discard(start + SECTOR, huge);
+            store.discard(start, huge);
+        }
+        model.note(new Request(0, 40, 0));
+        model.check(store::read);
+        write(8, 3);
+        discard(9, 1);
+        store.flush();
+        discard(8, 40);
+        store.snapshot().close();
+        model.check(store::read);
+    }
+
+    @Test
+    void buffersAreGivenBackWhenTheirBytesHaveReachedAFile() throws IOException {
+        open(disk, 1 << 20);
+        ByteBuf large = Unpooled.buffer().writeZero(3 * SECTORS_IN_A_SEGMENT * SECTOR);
+        ByteBuf small = Unpooled.buffer().writeZero(SECTOR);
+        store.write(0, large);
+        store.write(SECTOR, small);
+        assertTrue(large.refCnt() > 1 && small.refCnt() == 2);
+        store.onStep(step -> {
+            if (step == Step.PUBLISHED) {
+                throw new IllegalStateException("ended here");
+            }
+        });
+        assertThrows(IllegalStateException.class, store::flush);
+        assertEquals(1, small.refCnt());
+        store.onStep(step -> { });
+        store.flush();
+        assertEquals(1, large.refCnt());
+    }
+
+    @Test
+    void aDamagedSectorIsNamedAndHoldsUpNothingElse() throws IOException {
+        open(disk, 1 << 20);
+        for (int i = 0; i < SECTORS; i += 4) {
+            write(i, 4);
+            store.flush();
+        }
+        // The bytes of one sector, and in place of two others a newer and an older neighbour's.
+        byte[] segment = memory.bytes(SegmentFiles.name(0));
+        segment[7] ^= 1;
+        System.arraycopy(segment, 3 * FRAME, segment, 2 * FRAME, FRAME);
+        System.arraycopy(segment, 4 * FRAME, segment, 5 * FRAME, FRAME);
+        for (int sector : new int[] {0, 2, 5}) {
+            IOException found = assertThrows(
+                    IOException.class, () -> store.read(sector * SECTOR, SECTOR));
+            String expected = "offset " + sector * SECTOR + ", segment-000000 at byte "
+                    + sector * FRAME;
+            assertTrue(found.getMessage().contains(expected), found.getMessage());
+        }
+        discard(64, SECTORS - 64);
+        for (int i = 8; i < 64; i += 2) {
+            discard(i, 1);
+        }
+        store.flush();
+        int before = store.stats().segments();
+        compactAll();
+        assertTrue(store.stats().segments() < before / 4, store.stats().toString());
+        assertEquals(List.of(0L, 2L * SECTOR, 5L * SECTOR), store.stats().damagedSectors());
+        model.check(store::read, 8, SECTORS - 8);
+        assertThrows(IOException.class, () -> store.read(0, SECTOR));
+        write(0, 6);
+        store.flush();
+        compactAll();
+        assertEquals(List.of(), store.stats().damagedSectors());
+    }
+
+    @Test
+    void aFullDiskLosesNothingAndGivesItsRoomBack() throws IOException {
+        for (int live : new int[] {2, 3}) {
+            disk.setCapacity(80_000L);
+            open(disk, 1 << 20);
+            compactAll();
+            // Segments of which a part is live; then no room, however often one tries.
+            IOException full = null;
+            for (int i = 0; full == null; i = (i + SECTORS_IN_A_SEGMENT) % SECTORS) {
+                int first = i;
+                try {
+                    write(first, SECTORS_IN_A_SEGMENT);
+                    store.flush();
+                    write(first, SECTORS_IN_A_SEGMENT - live);
+                    store.flush();
+                } catch (IOException e) {
+                    full = e;
+                }
+            }
+            for (int i = 0; i < 1500; i++) {
+                assertThrows(IOException.class, store::flush);
+            }
+            model.check(store::read);
+            compactAll();
+            store.flush();
+            discard(0, SECTORS / 2);
+            assertDoesNotThrow(store::flush);
+            compactAll();
+            write(0, SECTORS_IN_A_SEGMENT);
+            store.flush();
+            model.check(store::read);
+            disk.setCapacity(Long.MAX_VALUE);
+            write(0, SECTORS);
+            store.flush();
+            compactAll();
+            assertTrue(store.stats().segments() <= SECTORS / SECTORS_IN_A_SEGMENT + 2);
+            discard(0, SECTORS);
             store.close();
         }
     }
 
     @Test
-    void aDamagedSectorIsNamed() throws IOException {
-        open(NO_LIMIT);
-        write(4, "123");
-        store.flush();
-        byte[] bytes = Files.readAllBytes(segmentFiles().get(0));
-        bytes[SECTOR + Sectors.TRAILER_BYTES + 7] ^= 1;
-        Files.write(segmentFiles().get(0), bytes);
-        assertArrayEquals(fill("1"), store.read(4 * SECTOR, SECTOR));
-        IOException found =
-                assertThrows(IOException.class, () -> store.read(4 * SECTOR, 3 * SECTOR));
-        assertTrue(found.getMessage().contains("offset 2560, segment 0"), found.getMessage());
+    void aFlushThatFailsInsideALargePieceGoesOnThere() throws IOException {
+        open(disk, 1 << 20);
+        write(0, SECTORS);
+        int attempts = 1;
+        for (boolean failed = true; failed; attempts++) {
+            disk.fail(10, 10);
+            try {
+                store.flush();
+                failed = false;
+            } catch (IOException e) {
+                assertTrue(disk.hasFailed(), e.toString());
+            }
+        }
+        disk.fail(Long.MAX_VALUE, 0);
+        assertTrue(attempts > 5 && attempts < 60, "attempts: " + attempts);
+        assertTrue(store.stats().segments() <= SECTORS / SECTORS_IN_A_SEGMENT + attempts);
     }
 
     @Test
-    void requestsAreWholeSectors() {
-        open(NO_LIMIT);
+    void theMemoryLimitIsTheStoresOwn() throws IOException {
+        long processLimit = NativeMemory.limit();
+        open(disk, 8 << 10);
+        Random random = new Random(1);
+        for (int i = 0; i < 2000; i++) {
+            int sector = random.nextInt(SECTORS / 4);
+            model.serve(store, new Request(sector, 1, random.nextInt(5) == 0 ? 0 : ++id));
+        }
+        assertTrue(store.stats().refusedInserts() > 50, store.stats().toString());
+        model.check(store::read);
+        OutOfMemoryError refused = assertThrows(OutOfMemoryError.class, () -> {
+            for (int i = 0; i < SECTORS; i += 2) {
+                write(i, 1);
+            }
+        });
+        assertTrue(refused.getMessage().contains("memory limit: 8192"), refused.getMessage());
+        assertThrows(OutOfMemoryError.class, store::snapshot);
+        assertEquals(processLimit, NativeMemory.limit());
+    }
+
+    @Test
+    void interruptsHurtNobody(@TempDir Path folder) throws IOException {
+        for (int i = 0; i < 3; i++) {
+            Thread.currentThread().interrupt();
+            open(new FolderDisk(folder), 1 << 20);
+            scatter();
+            store.flush();
+            model.check(store::read);
+            store.compact();
+            store.snapshot().close();
+            store.close();
+            assertTrue(Thread.interrupted());
+            open(new FolderDisk(folder), 1 << 20);
+            model.check(store::read);
+            IOException inUse = assertThrows(IOException.class, () -> new FolderDisk(folder));
+            assertTrue(inUse.getMessage().contains(
+                    "process " + ProcessHandle.current().pid()), inUse.getMessage());
+            store.close();
+        }
+        open(disk, 1 << 20);
+        write(0, SECTORS);
+        discard(0, SECTORS);
+    }
+
+    /** What is damaged is refused, or is the last batch, which a power cut may have torn. */
+    @Test
+    void aDamagedJournalIsRefused() throws IOException {
+        open(disk, 1 << 20);
+        scatter();
+        store.close();
+        open(disk, 1 << 20);
+        DeviceModel[] states = new DeviceModel[3];
+        long[] ends = new long[3];
+        for (int i = 0; i < states.length; i++) {
+            write(30 * i, 20);
+            discard(30 * i + 4, 3);
+            store.flush();
+            states[i] = model.copy();
+            ends[i] = store.stats().journalBytes();
+        }
+        byte[] journal = memory.bytes(Journal.NAME).clone();
+        int torn = 0;
+        for (int at = 0; at < journal.length; at++) {
+            MemoryDisk copy = memory.afterPowerCut(new Random(at));
+            copy.bytes(Journal.NAME)[at] ^= 4;
+            try (BlockStore left = BlockStore.open(copy, settings(1 << 20))) {
+                assertTrue(at >= ends[1], "byte " + at + " of " + journal.length);
+                states[1].check(left::read, 0, 60);
+                torn++;
+            } catch (IOException e) {
+                assertTrue(e.getMessage().matches("(?s)journal at byte.*|load: .*"),
+                        "byte " + at + ": " + e.getMessage());
+            }
+        }
+        assertTrue(torn > 0);
+        IOException other = assertThrows(IOException.class, () -> BlockStore.open(
+                memory.afterPowerCut(new Random(1)), new StoreSettings(4096, 8192, 8192, 9, 1)));
+        assertTrue(other.getMessage().contains("512"), other.getMessage());
+    }
+
+    @Test
+    void requestsAreWholeSectors() throws IOException {
+        open(disk, 1 << 20);
         assertThrows(IllegalArgumentException.class, () -> store.read(1, SECTOR));
         assertThrows(IllegalArgumentException.class, () -> store.read(-SECTOR, SECTOR));
         assertThrows(IllegalArgumentException.class, () -> store.discard(0, 0));
         assertThrows(IllegalArgumentException.class, () -> store.discard(0, 100));
     }
 
-    @Test
-    void compactionFreesSegmentsAndKeepsTheirData() throws IOException {
-        open(NO_LIMIT);
-        scatter();
-        int before = segmentFiles().size();
-        while (store.compact() > 0) {
-            assertHolds("1919191919191919");
-        }
-        assertHolds("1919191919191919");
-        assertTrue(segmentFiles().size() < before, before + " segments before");
+    private void open(Disk on, long memoryLimit) throws IOException {
+        store = BlockStore.open(on, settings(memoryLimit));
     }
 
-    @Test
-    void onlyWhatIsUnchangedIsRedirected() throws IOException {
-        open(NO_LIMIT);
-        scatter();
-        boolean[] interfered = new boolean[1];
-        store.onStep(step -> {
-            if (step == Step.COPIED && !interfered[0]) {
-                interfered[0] = true;
-                overwriteAll();
-            }
-        });
-        while (store.compact() > 0) {
-            assertHolds("0555555555555559");
-        }
-        assertTrue(interfered[0]);
-        assertHolds("0555555555555559");
+    private static StoreSettings settings(long memoryLimit) {
+        return new StoreSettings(
+                SECTOR, SECTORS_IN_A_SEGMENT * FRAME, 1 << 20, memoryLimit, 8);
     }
 
-    @Test
-    void aSnapshotDoesNotChange() throws IOException {
-        open(NO_LIMIT);
-        scatter();
-        write(2, "777");
-        killFlush(1, Step.FLUSH_BEGUN);
-        write(3, "8");
-        Snapshot snapshot = store.snapshot();
-        String then = "1978791919191919";
-        overwriteAll();
-        store.flush();
-        while (store.compact() > 0) {
-            assertArrayEquals(fill(then), snapshot.read(0, 16 * SECTOR));
-        }
-        assertArrayEquals(fill(then), snapshot.read(0, 16 * SECTOR));
-        assertHolds("0555555555555559");
-        int kept = segmentFiles().size();
-        snapshot.close();
-        snapshot.close();
-        assertTrue(segmentFiles().size() < kept, kept + " segments before");
-        assertHolds("0555555555555559");
-        assertThrows(IllegalStateException.class, () -> snapshot.read(0, SECTOR));
-    }
-
-    @Test
-    void aRefusedWriteIsDoneAfterAFlush() throws IOException {
-        open(8 << 10);
-        Random random = new Random(1);
-        char[] device = "0".repeat(64).toCharArray();
-        for (int i = 0; i < 5000; i++) {
-            int sector = random.nextInt(device.length);
-            device[sector] = (char) ('1' + random.nextInt(9));
-            write(sector, String.valueOf(device[sector]));
-            if (i % 50 == 0) {
-                store.compact();
-            }
-        }
-        assertHolds(new String(device));
-        StoreStats stats = store.stats();
-        assertTrue(stats.refusedInserts() > 100, stats.toString());
-    }
-
-    @Test
-    void aLimitThatNoFlushCanMeetLeavesWhatWasThere() throws IOException {
-        open(3 << 10);
-        write(0, "1");
-        OutOfMemoryError refused = assertThrows(OutOfMemoryError.class, () -> {
-            // Every second sector: ranges that nothing can fuse.
-            for (int i = 2; i < 100; i += 2) {
-                write(i, "2");
-            }
-        });
-        assertTrue(refused.getMessage().contains("memory limit: 3072"), refused.getMessage());
-        assertHolds("1020202020");
-        assertThrows(OutOfMemoryError.class, store::snapshot);
-        store.discard(0, 100 * SECTOR);
-        store.flush();
-        write(5, "3");
-        assertHolds("0000030000");
-    }
-
-    @Test
-    void noWriteIsLostWhereverAFlushIsKilled() throws IOException {
-        open(NO_LIMIT);
-        int kills = 0;
-        boolean killed = true;
-        while (killed) {
-            write(0, "1111111111");
-            write(3, "23");
-            write(20, "4");
-            killed = killFlush(kills + 1, Step.APPENDED, Step.PUBLISHED);
-            assertHolds("11123111110000000000400");
-            write(1, "5");
-            store.discard(4 * SECTOR, SECTOR);
-            assertHolds("15120111110000000000400");
-            store.flush();
-            assertHolds("15120111110000000000400");
-            kills += killed ? 1 : 0;
-        }
-        assertTrue(kills >= 8, "killed at " + kills + " steps");
-    }
-
-    private void open(long memoryLimit) {
-        int segmentBytes = SECTORS_IN_A_SEGMENT * (SECTOR + Sectors.TRAILER_BYTES);
-        store = new BlockStore(
-                folder, new StoreSettings(SECTOR, segmentBytes, 1 << 20, memoryLimit, 8));
-    }
-
-    /** Leaves a device of 1919191919191919 in segments that are at most half full. */
+    /** Leaves segments that are at most half live. */
     private void scatter() throws IOException {
-        write(0, "1111111111111111");
+        write(0, 64);
         store.flush();
-        for (int i = 1; i < 16; i += 2) {
-            write(i, "2");
-            store.flush();
-        }
-        for (int i = 1; i < 16; i += 2) {
-            write(i, "9");
+        for (int i = 1; i < 64; i += 2) {
+            write(i, 1);
+            discard(i - 1, i % 4 / 2);
         }
         store.flush();
     }
 
-    private void overwriteAll() {
-        try {
-            write(1, "55555555555555");
-            store.flush();
-            store.discard(0, SECTOR);
-        } catch (IOException e) {
-            throw new IllegalStateException(e);
+    private void write(int sector, int count) throws IOException {
+        model.serve(store, new Request(sector, count, ++id));
+    }
+
+    private void discard(int sector, int count) throws IOException {
+        if (count > 0) {
+            model.serve(store, new Request(sector, count, 0));
         }
     }
 
-    /** Flushes, and ends the flush when one of the steps comes up for the nth time. */
-    private boolean killFlush(int n, Step... steps) throws IOException {
-        int[] count = new int[1];
-        store.onStep(step -> {
-            if (Arrays.asList(steps).contains(step) && ++count[0] == n) {
-                throw new InjectedFault();
-            }
-        });
-        try {
-            store.flush();
-            return false;
-        } catch (InjectedFault e) {
-            return true;
-        } finally {
-            store.onStep(step -> { });
+    private void compactAll() throws IOException {
+        while (store.compact() > 0) {
+            // Until nothing is left to move.
         }
-    }
-
-    private void write(int sector, String digits) throws IOException {
-        ByteBuf buffer =
-                buffers.allocator().buffer(digits.length() * SECTOR).writeBytes(fill(digits));
-        try {
-            store.write((long) sector * SECTOR, buffer);
-        } finally {
-            assertTrue(buffer.refCnt() <= 2, "references: " + buffer.refCnt());
-            buffer.release();
-        }
-    }
-
-    private void assertHolds(String digits) throws IOException {
-        byte[] found = store.read(0, digits.length() * SECTOR);
-        StringBuilder shown = new StringBuilder();
-        for (int at = 0; at < found.length; at += SECTOR) {
-            shown.append(found[at]);
-        }
-        assertEquals(digits, shown.toString());
-        assertArrayEquals(fill(digits), found);
-    }
-
-    private static byte[] fill(String digits) {
-        byte[] bytes = new byte[digits.length() * SECTOR];
-        for (int i = 0; i < bytes.length; i++) {
-            bytes[i] = (byte) (digits.charAt(i / SECTOR) - '0');
-        }
-        return bytes;
-    }
-
-    private List<Path> segmentFiles() throws IOException {
-        try (Stream<Path> files = Files.list(folder)) {
-            return files.sorted().toList();
-        }
-    }
-
-    /** What ends a flush. */
-    private static final class InjectedFault extends RuntimeException {
-        private static final long serialVersionUID = 1L;
     }
 }

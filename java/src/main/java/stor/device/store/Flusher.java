@@ -1,0 +1,200 @@
+package stor.device.store;
+
+import io.netty.buffer.ByteBuf;
+import java.io.IOException;
+import java.nio.ByteBuffer;
+import java.util.ArrayDeque;
+import java.util.ArrayList;
+import java.util.Deque;
+import java.util.List;
+import java.util.function.Consumer;
+import stor.device.skiplist.FileLocation;
+import stor.device.skiplist.OffHeapRangeMap;
+import stor.device.store.BlockStore.Step;
+
+/**
+ * The way of what is buffered to the disk:
+ *
+ * <ol>
+ * <li>The active map is frozen. What it has is noted: holes and pieces of data.
+ * <li>The holes are committed. They need no room, and give some back: so they go first.
+ * <li>Batch by batch, as much data as a segment has room for: frames are appended and forced; where
+ * they lie is committed; then buffers all of whose bytes have got that far are given back.
+ * <li>The frozen map is dropped.
+ * </ol>
+ *
+ * <p>A failure leaves the frozen map, and the next flush goes on with the batch that failed. One
+ * thread at a time.
+ */
+final class Flusher {
+    private static final int BATCH_BYTES = 4 << 20;
+
+    private final Object index;
+    private final WriteBuffer buffer;
+    private final FileMap fileMap;
+    private final SegmentWriter writer;
+    private final Reserve reserve;
+    private final Frames frames;
+    private final int sectorSize;
+    private Consumer<Step> onStep = step -> { };
+    private long flushes;
+
+    // What is left of the frozen map.
+    private List<Change> holes = List.of();
+    private final Deque<Piece> pieces = new ArrayDeque<>();
+
+    /** A buffered range on its way to a file. */
+    private static final class Piece {
+        private final long offset;
+        private final int length;
+        private final FileLocation id;
+        private final ByteBuf bytes;
+        private int done;
+
+        Piece(long offset, int length, FileLocation id, ByteBuf bytes) {
+            this.offset = offset;
+            this.length = length;
+            this.id = id;
+            this.bytes = bytes;
+        }
+    }
+
+    Flusher(Object index, WriteBuffer buffer, FileMap fileMap, SegmentWriter writer,
+            Reserve reserve, Frames frames, int sectorSize) {
+        this.index = index;
+        this.buffer = buffer;
+        this.fileMap = fileMap;
+        this.writer = writer;
+        this.reserve = reserve;
+        this.frames = frames;
+        this.sectorSize = sectorSize;
+    }
+
+    void onStep(Consumer<Step> callback) {
+        onStep = callback;
+    }
+
+    /** Counts the flushes that came to their end. The index lock is held. */
+    long flushes() {
+        return flushes;
+    }
+
+    /** Writes out all that was buffered when it began; gives the bytes written. */
+    long flush() throws IOException {
+        // What an earlier flush has left behind is older, and so goes first.
+        long written = buffer.frozen() == null ? 0 : writeOut();
+        boolean more;
+        synchronized (index) {
+            more = buffer.freeze();
+            if (more) {
+                note(buffer.frozen());
+            }
+        }
+        return more ? written + writeOut() : written;
+    }
+
+    private void note(OffHeapRangeMap frozen) {
+        List<Change> found = new ArrayList<>();
+        frozen.forEach((offset, len, number, fileOffset, majorVer, minorVer, range) -> {
+            ByteBuf bytes = range.retainedBuffer();
+            if (bytes != null) {
+                pieces.add(new Piece(offset, len,
+                        new FileLocation(number, fileOffset, majorVer, minorVer), bytes));
+            } else {
+                found.add(Change.discarded(offset, len));
+            }
+        });
+        holes = found;
+    }
+
+    private long writeOut() throws IOException {
+        onStep.accept(Step.FLUSH_BEGUN);
+        fileMap.commit(holes, 0);
+        holes = List.of();
+        long written = 0;
+        while (!pieces.isEmpty()) {
+            written += writeBatch();
+        }
+        synchronized (index) {
+            buffer.drop();
+            flushes++;
+        }
+        return written;
+    }
+
+    private int writeBatch() throws IOException {
+        List<Change> changes = new ArrayList<>();
+        int length;
+        try {
+            reserve.require();
+            length = append(changes);
+            onStep.accept(Step.APPENDED);
+            writer.force();
+        } catch (IOException | RuntimeException | Error failure) {
+            writer.takeBack(failure);
+            throw failure;
+        }
+        try {
+            fileMap.commit(changes, newest());
+        } catch (IOException | RuntimeException | Error failure) {
+            // The journal may have it all the same.
+            writer.finish();
+            throw failure;
+        }
+        writer.keep();
+        giveBack(length);
+        onStep.accept(Step.PUBLISHED);
+        return length;
+    }
+
+    /** Appends as many of the next bytes as fit; says where they lie, and how many they are. */
+    private int append(List<Change> changes) throws IOException {
+        int room = Math.min(writer.room(), BATCH_BYTES / sectorSize * sectorSize);
+        FileLocation first = writer.next();
+        ByteBuffer batch = ByteBuffer.allocate(frames.framedLength(
+                (int) Math.min(room, pieces.stream().mapToLong(piece -> piece.length).sum())));
+        int length = 0;
+        for (Piece piece : pieces) {
+            int next = Math.min(piece.length - piece.done, room - length);
+            if (next == 0) {
+                break;
+            }
+            long offset = piece.offset + piece.done;
+            FileLocation place = first.plus(length, sectorSize);
+            frames.frame(piece.bytes, piece.done, next, piece.id.minorVer(), offset, place, batch);
+            changes.add(Change.written(offset, next, place));
+            length += next;
+        }
+        writer.append(batch.flip());
+        return length;
+    }
+
+    /** Gives the highest sequence of the writes that are left. */
+    private long newest() {
+        return pieces.stream().map(piece -> piece.id).mapToLong(id ->
+                (long) id.majorVer() << Integer.SIZE | Integer.toUnsignedLong(id.minorVer()))
+                .max().orElse(0);
+    }
+
+    /** Gives back the buffers of the next bytes, which the file map knows now. */
+    private void giveBack(int length) {
+        for (int left = length; left > 0;) {
+            Piece piece = pieces.getFirst();
+            int next = Math.min(piece.length - piece.done, left);
+            piece.done += next;
+            left -= next;
+            if (piece.done == piece.length) {
+                synchronized (index) {
+                    buffer.frozen().compareAndRelease(piece.offset, piece.length, piece.id);
+                }
+                pieces.removeFirst().bytes.release();
+            }
+        }
+    }
+
+    /** Gives back what is left of a flush that failed. */
+    void close() {
+        pieces.forEach(piece -> piece.bytes.release());
+        pieces.clear();
+    }
+}

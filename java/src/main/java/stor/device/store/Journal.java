@@ -1,0 +1,197 @@
+package stor.device.store;
+
+import java.io.Closeable;
+import java.io.IOException;
+import java.nio.ByteBuffer;
+import java.nio.channels.WritableByteChannel;
+import java.util.List;
+import java.util.zip.CRC32C;
+import stor.device.skiplist.OffHeapRangeMap;
+import stor.device.store.Disk.DiskFile;
+
+/**
+ * What the file map is, on disk: a checkpoint of it and every change since, in one file.
+ *
+ * <pre>
+ *   journal     header | map file | batch | batch | ...
+ *   header      magic 8 | version 4 | sequence 8 | next segment 8 | checksum 4
+ *   batch       length of the changes 4 | checksum 4 | number 8 | sequence 8 | changes
+ * </pre>
+ *
+ * <p>A batch counts when it is whole. One is forced before the next is begun, so that a power cut
+ * can tear only the last. A checkpoint is a new file that takes the place of the old in one step.
+ *
+ * <p>After a failure nobody knows what of it is on disk. Until {@link #makeSure} has come to its
+ * end, nothing may be changed that depends on it, and no segment deleted. One thread at a time.
+ */
+final class Journal implements Closeable {
+    static final String NAME = "journal";
+    static final String NEXT_NAME = "journal.next";
+    static final long MAGIC = 0x89_52_4D_4A_0D_0A_1A_0AL;  // "\x89RMJ\r\n\x1a\n"
+    static final int VERSION = 1;
+    static final int HEADER_BYTES = 2 * Long.BYTES + Long.BYTES + 2 * Integer.BYTES;
+    static final int BATCH_HEADER_BYTES = 2 * Integer.BYTES + 2 * Long.BYTES;
+    /** The most bytes of changes in a batch. */
+    static final int BATCH_BYTES = 1 << 20;
+
+    private static final long LEAST_TAIL_BYTES = 4 << 20;
+
+    private final Disk disk;
+    private DiskFile file;
+    private long checkpointEnd;
+    private long end;
+    private long number;
+    private boolean endDoubtful;
+    private boolean nameDoubtful;
+
+    /** Makes a journal that has no file yet. */
+    Journal(Disk disk) {
+        this.disk = disk;
+    }
+
+    /** Goes on with a file that was read up to its last whole batch; what is behind goes. */
+    Journal(Disk disk, DiskFile file, long checkpointEnd, long end, long number)
+            throws IOException {
+        this.disk = disk;
+        this.file = file;
+        this.checkpointEnd = checkpointEnd;
+        this.end = end;
+        this.number = number;
+        endDoubtful = true;
+        nameDoubtful = true;
+        makeSure();
+    }
+
+    /** Adds changes, in as many batches as they need; when this returns they last. */
+    void append(List<Change> changes, long sequence) throws IOException {
+        makeSure();
+        ByteBuffer batch = encode(changes, sequence);
+        endDoubtful = true;
+        file.write(batch, end);
+        file.force();
+        endDoubtful = false;
+        end += batch.limit();
+        number++;
+    }
+
+    private ByteBuffer encode(List<Change> changes, long sequence) {
+        ByteBuffer batch = ByteBuffer
+                .allocate(BATCH_HEADER_BYTES + changes.size() * Change.MOST_BYTES)
+                .position(2 * Integer.BYTES).putLong(number).putLong(sequence);
+        changes.forEach(change -> change.encode(batch));
+        batch.flip().putInt(0, batch.limit() - BATCH_HEADER_BYTES);
+        return batch.putInt(Integer.BYTES, checksum(batch, 0, batch.limit()));
+    }
+
+    /** Gives the checksum of a batch: of all of it but the checksum itself. */
+    static int checksum(ByteBuffer bytes, int start, int end) {
+        CRC32C checksum = new CRC32C();
+        checksum.update(bytes.array(), start, Integer.BYTES);
+        int from = start + 2 * Integer.BYTES;
+        checksum.update(bytes.array(), from, end - from);
+        return (int) checksum.getValue();
+    }
+
+    /** Settles what a failure has left open: what was not known to last has not happened. */
+    void makeSure() throws IOException {
+        if (endDoubtful) {
+            file.truncate(end);
+            file.force();
+            endDoubtful = false;
+        }
+        if (nameDoubtful) {
+            disk.forceNames();
+            nameDoubtful = false;
+        }
+    }
+
+    /** Tells whether reading the changes would take longer than reading a new checkpoint. */
+    boolean isLong() {
+        return end - checkpointEnd > Math.max(LEAST_TAIL_BYTES, 2 * checkpointEnd);
+    }
+
+    long bytes() {
+        return end;
+    }
+
+    /** Begins anew with a map that all changes so far have been applied to. */
+    void checkpoint(OffHeapRangeMap map, long sequence, long nextSegment) throws IOException {
+        DiskFile next = disk.create(NEXT_NAME);
+        long length;
+        try {
+            next.write(header(sequence, nextSegment), 0);
+            Appender appender = new Appender(next, HEADER_BYTES);
+            map.save(appender);
+            length = appender.position;
+            next.force();
+            disk.rename(NEXT_NAME, NAME);
+        } catch (IOException | RuntimeException | Error failure) {
+            discard(next, failure);
+            throw failure;
+        }
+        nameDoubtful = true;
+        DiskFile last = file;
+        file = next;
+        checkpointEnd = length;
+        end = length;
+        number = 0;
+        endDoubtful = false;
+        if (last != null) {
+            last.close();
+        }
+        makeSure();
+    }
+
+    private static ByteBuffer header(long sequence, long nextSegment) {
+        ByteBuffer header = ByteBuffer.allocate(HEADER_BYTES).putLong(MAGIC).putInt(VERSION)
+                .putLong(sequence).putLong(nextSegment);
+        CRC32C checksum = new CRC32C();
+        checksum.update(header.array(), 0, header.position());
+        return header.putInt((int) checksum.getValue()).flip();
+    }
+
+    private void discard(DiskFile next, Throwable failure) {
+        try {
+            next.close();
+            disk.delete(NEXT_NAME);
+        } catch (IOException e) {
+            failure.addSuppressed(e);
+        }
+    }
+
+    @Override
+    public void close() throws IOException {
+        if (file != null) {
+            file.close();
+        }
+    }
+
+    /** Lets a map be written into the middle of a file. */
+    private static final class Appender implements WritableByteChannel {
+        private final DiskFile file;
+        private long position;
+
+        Appender(DiskFile file, long position) {
+            this.file = file;
+            this.position = position;
+        }
+
+        @Override
+        public int write(ByteBuffer bytes) throws IOException {
+            int length = bytes.remaining();
+            file.write(bytes, position);
+            position += length;
+            return length;
+        }
+
+        @Override
+        public boolean isOpen() {
+            return true;
+        }
+
+        @Override
+        public void close() {
+            // The file is closed by the journal.
+        }
+    }
+}
