@@ -37,7 +37,8 @@ public final class Replay implements AutoCloseable {
     private final Latencies latencies = new Latencies();
     private final Mirror mirror;
     private final Path storeFolder;
-    private final BlockStore store;
+    private BlockStore store;
+    private StoreStats lastStats;
     private final StoreSamples samples;
     private final BackgroundWorker flusher;
     private final BackgroundWorker compactor;
@@ -121,7 +122,10 @@ public final class Replay implements AutoCloseable {
         }
     }
 
-    /** Reads all back, compacts, and reads all back again; gives the layout before and after. */
+    /**
+     * Reads all back, compacts, reads all back again, and once more from the store that was closed
+     * and opened again. Gives the layout before and after compaction.
+     */
     List<AddressPicture> checkAll(Progress progress) throws IOException {
         settle();
         readBack(progress);
@@ -136,7 +140,23 @@ public final class Replay implements AutoCloseable {
         }
         readBack(progress);
         closeSnapshot();
+        reopen();
+        readBack(progress);
         return pictures;
+    }
+
+    /** Ends with the store, and goes on with what its files hold. */
+    private void reopen() throws IOException {
+        samples.close();
+        lastStats = store.stats();
+        closeStore();
+        store = BlockStore.open(storeFolder, options.store());
+    }
+
+    /** Closes the store with a last flush, which nothing ends. */
+    private void closeStore() throws IOException {
+        store.onStep(step -> { });
+        store.close();
     }
 
     /** Ends with the store; the buffers can be counted afterwards. */
@@ -145,10 +165,9 @@ public final class Replay implements AutoCloseable {
         samples.close();
         flusher.close();
         compactor.close();
-        peakRecordBytes = store.stats().peaks().recordBytes();
-        store.close();
+        peakRecordBytes = stats().peaks().recordBytes();
+        closeStore();
         mirror.close();
-        Files.deleteIfExists(storeFolder);
     }
 
     /**
@@ -160,8 +179,9 @@ public final class Replay implements AutoCloseable {
         return store;
     }
 
+    /** Gives the figures of the store that served the requests. */
     StoreStats stats() {
-        return store.stats();
+        return lastStats == null ? store.stats() : lastStats;
     }
 
     Mirror mirror() {
@@ -249,11 +269,12 @@ public final class Replay implements AutoCloseable {
     private void write(long from, long to) throws IOException {
         writeId++;
         for (long at = from; at < to; at += MAX_PIECE) {
+            long start = at;
             int length = (int) Math.min(MAX_PIECE, to - at);
             Pattern.fill(written, 0, length, at, Mirror.patternOf(writeId, options.seed()));
             ByteBuf buffer = buffers.allocator().buffer(length).writeBytes(written, 0, length);
             try {
-                write(at, buffer);
+                insist(Operation.WRITE, () -> store.write(start, buffer));
             } finally {
                 buffer.release();
             }
@@ -262,12 +283,17 @@ public final class Replay implements AutoCloseable {
         }
     }
 
-    /** Writes, in spite of what stands against it: a killed flush, or the memory of a snapshot. */
-    private void write(long offset, ByteBuf buffer) throws IOException {
+    /** Something that the store may refuse to do. */
+    private interface Work {
+        void run() throws IOException;
+    }
+
+    /** Does it in spite of what stands against it: a killed flush, or a snapshot's memory. */
+    private void insist(Operation operation, Work work) throws IOException {
         while (true) {
             try {
-                latencies.measure(Operation.WRITE, () -> {
-                    store.write(offset, buffer);
+                latencies.measure(operation, () -> {
+                    work.run();
                     return null;
                 });
                 return;
@@ -291,10 +317,7 @@ public final class Replay implements AutoCloseable {
             stop.check();
             long start = at;
             int length = (int) Math.min(MAX_DISCARD, to - at);
-            latencies.measure(Operation.DISCARD, () -> {
-                store.discard(start, length);
-                return null;
-            });
+            insist(Operation.DISCARD, () -> store.discard(start, length));
         }
         mirror.discard(from, to - from);
     }

@@ -311,7 +311,8 @@ public final class TraceReplay {
         return text.toString();
     }
 
-    private static void delete(Path folder) throws IOException {
+    /** Deletes a folder of files. */
+    static void delete(Path folder) throws IOException {
         try (DirectoryStream<Path> files = Files.newDirectoryStream(folder)) {
             for (Path file : files) {
                 if (Files.isDirectory(file)) {

@@ -112,7 +112,9 @@ class MapFileTest {
             }
         }
         assertTrue(refused > MUTANTS / 2, "refused: " + refused);
-        assertEquals(before, Sweep.bytesInUse());
+        // Maps that other tests have lost may go meanwhile.
+        long after = Sweep.bytesInUse();
+        assertTrue(after <= before, after + " bytes (expected: at most " + before + ")");
     }
 
     private byte[] mutate(byte[] file) {
