@@ -278,8 +278,8 @@ public final class TraceReplay {
             return checked + ". " + failure;
         }
         return checked + ", every one of them right; the whole "
-                + (options.sampled() ? "sample" : "device") + " was read back "
-                + (replay.readBacks() == 2 ? "twice." : replay.readBacks() + " times.");
+                + (options.sampled() ? "sample" : "device") + " was read back " + replay.readBacks()
+                + " times, the last time from the store closed and opened again.";
     }
 
     private void summarise(Figures figures, Replay replay) {
