@@ -130,7 +130,7 @@ public final class Soak {
                 & isNothing("global references beyond those at the start and "
                         + Figure.GLOBAL_REFERENCES.slack, Math.max(0, globalReferences()
                         - referencesBefore - Figure.GLOBAL_REFERENCES.slack));
-        TraceReplay.delete(folder);
+        Files.delete(folder);
         System.out.println(flat && clean ? "verdict: flat after warm-up, and nothing left behind"
                 : "verdict: FAILED");
         return flat && clean;

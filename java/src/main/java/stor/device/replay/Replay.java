@@ -2,6 +2,7 @@ package stor.device.replay;
 
 import io.netty.buffer.ByteBuf;
 import java.io.IOException;
+import java.nio.file.DirectoryStream;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
@@ -159,7 +160,7 @@ public final class Replay implements AutoCloseable {
         store.close();
     }
 
-    /** Ends with the store; the buffers can be counted afterwards. */
+    /** Ends with the store, files and all; the buffers can be counted afterwards. */
     @Override
     public void close() throws IOException {
         samples.close();
@@ -168,6 +169,12 @@ public final class Replay implements AutoCloseable {
         peakRecordBytes = stats().peaks().recordBytes();
         closeStore();
         mirror.close();
+        try (DirectoryStream<Path> files = Files.newDirectoryStream(storeFolder)) {
+            for (Path file : files) {
+                Files.delete(file);
+            }
+        }
+        Files.delete(storeFolder);
     }
 
     /**

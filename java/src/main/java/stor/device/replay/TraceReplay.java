@@ -312,7 +312,7 @@ public final class TraceReplay {
     }
 
     /** Deletes a folder of files. */
-    static void delete(Path folder) throws IOException {
+    private static void delete(Path folder) throws IOException {
         try (DirectoryStream<Path> files = Files.newDirectoryStream(folder)) {
             for (Path file : files) {
                 if (Files.isDirectory(file)) {
