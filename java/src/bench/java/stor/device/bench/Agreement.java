@@ -9,7 +9,7 @@ import java.util.stream.Stream;
 import stor.device.replay.Difference;
 import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.MappedRange;
-import stor.device.skiplist.OffHeapRangeMap.Visitor;
+import stor.device.skiplist.Visitor;
 
 /**
  * Holds all maps against the native methods: every answer while they get the same operations, and

@@ -3,7 +3,7 @@ package stor.device.bench;
 import com.google.common.collect.Range;
 import com.google.common.collect.TreeRangeMap;
 import stor.device.skiplist.FileLocation;
-import stor.device.skiplist.OffHeapRangeMap.Visitor;
+import stor.device.skiplist.Visitor;
 
 /**
  * The rival from a library: Guava's {@link TreeRangeMap}.

@@ -70,7 +70,7 @@ public final class LayerCost {
         double[] raw = new double[rounds];
         double[] layer = new double[rounds];
         long handle = JniSkipListNative.createSkipList(HEIGHT, SECTOR_SIZE);
-        try (OffHeapRangeMap map = OffHeapRangeMap.create(HEIGHT, SECTOR_SIZE)) {
+        try (OffHeapRangeMap map = newMap()) {
             for (int i = 0; i < rounds; i++) {
                 long start = System.nanoTime();
                 for (int call = 0; call < COUNTER_CALLS; call++) {
@@ -123,10 +123,10 @@ public final class LayerCost {
     }
 
     private void replayLayer(boolean buffered) {
-        try (OffHeapRangeMap map = OffHeapRangeMap.create(HEIGHT, SECTOR_SIZE)) {
+        try (OffHeapRangeMap map = newMap()) {
             map.insert(FAR_AWAY, SECTOR_SIZE, new FileLocation(0, 0, 1, 0));
             int writes = 0;
-            OffHeapRangeMap.Visitor visitor =
+            Visitor visitor =
                     (offset, len, file, fileOffset, majorVer, minorVer, range) ->
                             sum += offset + len + file + fileOffset + majorVer + minorVer;
             for (Operation operation : operations) {
@@ -149,6 +149,13 @@ public final class LayerCost {
                 }
             }
         }
+    }
+
+    /** Gives a map that takes the trace's requests, in whole sectors or not. */
+    private static OffHeapRangeMap newMap() {
+        return SECTOR_SIZE == 512
+                ? OffHeapRangeMap.create(HEIGHT, SECTOR_SIZE)
+                : OffHeapRangeMap.createUnaligned(HEIGHT, SECTOR_SIZE);
     }
 
     private static double median(double[] values) {

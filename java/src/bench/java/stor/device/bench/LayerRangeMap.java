@@ -3,7 +3,7 @@ package stor.device.bench;
 import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.OffHeapRangeMap;
-import stor.device.skiplist.OffHeapRangeMap.Visitor;
+import stor.device.skiplist.Visitor;
 
 /** The safe layer, with a place object made for each insert. */
 final class LayerRangeMap implements RangeMap {

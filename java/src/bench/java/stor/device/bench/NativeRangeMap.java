@@ -2,7 +2,7 @@ package stor.device.bench;
 
 import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.JniSkipListNative;
-import stor.device.skiplist.OffHeapRangeMap.Visitor;
+import stor.device.skiplist.Visitor;
 
 /** The native methods, called as a storage engine calls them that does its own locking. */
 final class NativeRangeMap implements RangeMap {

@@ -3,7 +3,7 @@ package stor.device.bench;
 import java.util.Map;
 import java.util.NavigableMap;
 import stor.device.skiplist.FileLocation;
-import stor.device.skiplist.OffHeapRangeMap.Visitor;
+import stor.device.skiplist.Visitor;
 
 /**
  * The rival written by hand: the same map over any {@link NavigableMap}, whose keys are the starts.

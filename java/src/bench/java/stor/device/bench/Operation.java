@@ -1,7 +1,7 @@
 package stor.device.bench;
 
 import stor.device.skiplist.FileLocation;
-import stor.device.skiplist.OffHeapRangeMap.Visitor;
+import stor.device.skiplist.Visitor;
 
 /**
  * What is done to a map: an insert, or a query that reads all it finds.

@@ -1,7 +1,7 @@
 package stor.device.bench;
 
 import stor.device.skiplist.FileLocation;
-import stor.device.skiplist.OffHeapRangeMap.Visitor;
+import stor.device.skiplist.Visitor;
 
 /**
  * The one way in which all maps are called, so that its cost is the same for all. The last thing

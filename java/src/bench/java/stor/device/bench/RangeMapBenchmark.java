@@ -12,7 +12,7 @@ import java.util.Random;
 import java.util.stream.Collectors;
 import java.util.stream.Stream;
 import org.HdrHistogram.Histogram;
-import stor.device.skiplist.OffHeapRangeMap.Visitor;
+import stor.device.skiplist.Visitor;
 
 /**
  * Compares range maps in one JVM: the native methods, the safe layer, and what a Java program would

@@ -9,7 +9,7 @@ final class Arguments {
     }
 
     /** Checks a range: positive, and with both ends between the map's two end marks. */
-    static void range(String operation, long offset, int len) {
+    static void range(String operation, long offset, long len) {
         if (len <= 0) {
             throw illegal(operation, "len: " + len, "> 0");
         }
@@ -35,17 +35,25 @@ final class Arguments {
                 value, () -> operation + ": " + name + ": null (expected: not null)");
     }
 
-    /** Gives the first {@code len} readable bytes of a buffer, with no reference of their own. */
-    static ByteBuf bytes(String operation, ByteBuf buffer, int len) {
-        notNull(operation, "buffer", buffer);
-        if (buffer.refCnt() < 1) {
-            throw illegal(operation, "buffer: reference count " + buffer.refCnt(), ">= 1");
+    /** Checks that a range is made of whole sectors. */
+    static void aligned(String operation, long offset, long len, int sectorSize) {
+        if (!FusionGuard.isAligned(offset, len, sectorSize)) {
+            throw illegal(operation, "offset: " + offset + ", len: " + len,
+                    "multiples of the sector size, " + sectorSize
+                            + ", unless the map is made by createUnaligned");
+        }
+    }
+
+    /** Checks that a buffer is alive and has that many readable bytes. */
+    static void bytes(String operation, ByteBuf buffer, int len) {
+        int count = buffer.refCnt();
+        if (count < 1) {
+            throw illegal(operation, "buffer: reference count " + count, ">= 1");
         }
         int readable = buffer.readableBytes();
         if (readable < len) {
             throw illegal(operation, "buffer: " + readable + " readable bytes", ">= " + len);
         }
-        return readable == len ? buffer : buffer.slice(buffer.readerIndex(), len);
     }
 
     static IllegalArgumentException illegal(String operation, String found, String expected) {

@@ -20,7 +20,7 @@ public record FileLocation(int number, int offset, int majorVer, int minorVer) {
     public static final FileLocation EMPTY = new FileLocation(0, -1, -1, -1);
 
     private static final int MAX_NUMBER = 255;
-    private static final int NO_VERSION = -1;
+    static final int NO_VERSION = -1;
     private static final int EXTRA_BYTES_PER_SECTOR = 8;
 
     /**

@@ -19,7 +19,6 @@ package stor.device.skiplist;
 final class FusionGuard {
     private static final long LONGEST = Integer.MAX_VALUE;
 
-    private final long handle;
     private final int sectorSize;
     // All inserts so far lie within [lowest, highest).
     private long lowest = Long.MAX_VALUE;
@@ -27,8 +26,7 @@ final class FusionGuard {
     private boolean plain = true;
     private boolean hasEmpty;
 
-    FusionGuard(long handle, int sectorSize) {
-        this.handle = handle;
+    FusionGuard(int sectorSize) {
         this.sectorSize = sectorSize;
     }
 
@@ -36,7 +34,7 @@ final class FusionGuard {
     void noteCut(long offset, int len) {
         lowest = Math.min(lowest, offset);
         highest = Math.max(highest, offset + len);
-        if (plain && !isAligned(offset, len)) {
+        if (plain && !isAligned(offset, len, sectorSize)) {
             plain = false;
         }
     }
@@ -58,31 +56,29 @@ final class FusionGuard {
         boolean bothEmpty = hasEmpty && source.hasEmpty;
         lowest = Math.min(lowest, source.lowest);
         highest = Math.max(highest, source.highest);
-        plain &= source.plain && sectorSize == source.sectorSize;
+        plain &= source.plain;
         hasEmpty |= source.hasEmpty;
         return (bothEmpty || !plain) && isWide();
     }
 
     /** Refuses a range of file type, about to be inserted, that would make one too long. */
-    void check(String operation, long offset, int len, FileLocation location) {
+    void check(String operation, long handle, long offset, int len, FileLocation location) {
         long end = offset + len;
-        long leftNode = firstEndingAfter(offset - 1);
-        long rightNode = firstEndingAfter(end);
-        long start = Math.min(offset, JniSkipListNative.getNodeIndexOffset(leftNode));
-        long rightStart = JniSkipListNative.getNodeIndexOffset(rightNode);
-        long rightEnd = rightStart <= end
-                ? rightStart + JniSkipListNative.getNodeIndexLen(rightNode)
-                : end;
+        long leftNode = MapSearch.firstEndingAfter(handle, offset - 1);
+        long rightNode = MapSearch.firstEndingAfter(handle, end);
+        long start = Math.min(offset, NodeReader.offset(leftNode));
+        long rightEnd =
+                NodeReader.offset(rightNode) <= end ? NodeReader.end(rightNode) : end;
         if (rightEnd - start > LONGEST) {
-            checkClosely(operation, new MappedRange(offset, len, false, location));
+            checkClosely(operation, handle, new MappedRange(offset, len, false, location));
         }
     }
 
     /** As above, for a range in the neighbourhood of a very long one: follows the native rules. */
-    private void checkClosely(String operation, MappedRange added) {
-        MappedRange left = MappedRange.read(firstEndingAfter(added.offset() - 1));
-        MappedRange first = MappedRange.read(firstEndingAfter(added.offset()));
-        MappedRange right = MappedRange.read(firstEndingAfter(added.end()));
+    private void checkClosely(String operation, long handle, MappedRange added) {
+        MappedRange left = endingAfter(handle, added.offset() - 1);
+        MappedRange first = endingAfter(handle, added.offset());
+        MappedRange right = endingAfter(handle, added.end());
         boolean sticksOutLeft = first.offset() < added.offset();
         boolean sticksOutRight = right.offset() < added.end();
         long length = 0;
@@ -136,8 +132,12 @@ final class FusionGuard {
         return a.offset() <= b.end() && b.offset() <= a.end();
     }
 
-    private boolean isAligned(long offset, int len) {
-        return offset % sectorSize == 0 && len % sectorSize == 0;
+    /** Tells whether a range is made of whole sectors. */
+    static boolean isAligned(long offset, long len, int sectorSize) {
+        boolean powerOfTwo = (sectorSize & sectorSize - 1) == 0;
+        return powerOfTwo
+                ? ((offset | len) & sectorSize - 1) == 0
+                : offset % sectorSize == 0 && len % sectorSize == 0;
     }
 
     private boolean isWithinFile(int len, FileLocation location) {
@@ -145,8 +145,7 @@ final class FusionGuard {
                 && isLength(location.offset() + FileLocation.fileDistance(len, sectorSize));
     }
 
-    /** Gives the first range that ends after a position, which may be the end mark. */
-    private long firstEndingAfter(long position) {
-        return JniSkipListNative.getNodes(handle, position, 0)[0];
+    private static MappedRange endingAfter(long handle, long position) {
+        return NodeReader.range(MapSearch.firstEndingAfter(handle, position));
     }
 }

@@ -5,19 +5,19 @@ import java.util.function.Supplier;
 
 /**
  * Takes the ranges of a map one by one, in the order in which the map has them, and throws if
- * something does not hold.
+ * something does not hold. Runs the code of buffers, and so is a visitor for the map's guard.
  */
 final class InvariantCheck {
     private int count;
     private long bytes;
     private long previousEnd = Long.MIN_VALUE;
 
-    /** Walks a map, whose lock the caller holds. */
+    /** Walks a map whose guard the caller is inside. */
     static void run(long handle) {
         InvariantCheck check = new InvariantCheck();
-        long[] run = JniSkipListNative.getAllNodes(handle);
-        for (long node = run[0]; node != run[1]; node = JniSkipListNative.nextNode(node)) {
-            check.range(MappedRange.read(node), JniSkipListNative.getNodeFileBuff(node));
+        long[] run = MapSearch.runOverAll(handle);
+        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+            check.range(NodeReader.range(node), NodeReader.buffer(node));
         }
         check.end(JniSkipListNative.getSkipListSize(handle),
                 JniSkipListNative.getSkipListValidLen(handle));

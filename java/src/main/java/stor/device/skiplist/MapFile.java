@@ -8,7 +8,7 @@ import java.util.zip.CRC32C;
  * full. All numbers of fixed size are big-endian.
  *
  * <pre>
- *   header   magic 8 | version 2 | height 2 | sector size 4 | checksum 4
+ *   header   magic 8 | version 2 | kind 1 | height 1 | sector size 4 | checksum 4
  *   block    length of the ranges 4 | ranges | checksum 4                  any number of them
  *   end      0 in place of a length 4 | number of ranges 8 | checksum 4
  *
@@ -23,8 +23,11 @@ import java.util.zip.CRC32C;
 final class MapFile {
     static final long MAGIC = 0x89_52_4D_41_50_0D_0A_1AL;  // "\x89RMAP\r\n\x1a"
     static final short VERSION = 1;
+    /** The kind of a map that refuses ranges which are not in whole sectors. */
+    static final byte WHOLE_SECTORS = 0;
+    static final byte ANY_RANGES = 1;
 
-    static final int HEADER_BYTES = Long.BYTES + 2 * Short.BYTES + Integer.BYTES;
+    static final int HEADER_BYTES = Long.BYTES + Short.BYTES + 2 * Byte.BYTES + Integer.BYTES;
     static final int CHECKSUM_BYTES = Integer.BYTES;
     /** The most bytes of ranges that a block may have. */
     static final int BLOCK_BYTES = 1 << 16;

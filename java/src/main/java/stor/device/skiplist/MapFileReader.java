@@ -19,6 +19,7 @@ final class MapFileReader {
     private final ByteBuffer bytes = ByteBuffer.allocate(
             Integer.BYTES + MapFile.BLOCK_BYTES + MapFile.CHECKSUM_BYTES);
     private int sectorSize;
+    private boolean aligned;
     private long taken;
     private long blockStart;
     private long count;
@@ -43,7 +44,8 @@ final class MapFileReader {
             while (readBlock()) {
                 while (bytes.hasRemaining()) {
                     readRange();
-                    map.append(end - len, len, (byte) number, placeOfLast(), majorVer, minorVer);
+                    map.append(end - len, len, new FileLocation(
+                            Byte.toUnsignedInt((byte) number), placeOfLast(), majorVer, minorVer));
                     count++;
                 }
             }
@@ -58,11 +60,18 @@ final class MapFileReader {
         fetch(MapFile.HEADER_BYTES + MapFile.CHECKSUM_BYTES);
         require("magic", bytes.getLong(), MapFile.MAGIC);
         require("version", bytes.getShort(), MapFile.VERSION);
-        int height = bytes.getShort();
+        byte kind = bytes.get();
+        int height = bytes.get();
         sectorSize = bytes.getInt();
         verify();
+        aligned = kind == MapFile.WHOLE_SECTORS;
+        if (!aligned) {
+            require("kind", kind, MapFile.ANY_RANGES);
+        }
         try {
-            return OffHeapRangeMap.create(height, sectorSize);
+            return aligned
+                    ? OffHeapRangeMap.create(height, sectorSize)
+                    : OffHeapRangeMap.createUnaligned(height, sectorSize);
         } catch (IllegalArgumentException e) {
             throw damaged(e.getMessage());
         }
@@ -128,6 +137,10 @@ final class MapFileReader {
             if (!behind || len <= 0 || offset == Long.MIN_VALUE || offset >= Long.MAX_VALUE - len) {
                 throw damaged("range " + count + ": offset: " + offset + ", len: " + len
                         + " (expected: a range behind " + end + ")");
+            }
+            if (aligned && !FusionGuard.isAligned(offset, len, sectorSize)) {
+                throw damaged("range " + count + ": offset: " + offset + ", len: " + len
+                        + " (expected: multiples of " + sectorSize + ")");
             }
             end = offset + len;
             place = (int) (place + FileLocation.fileDistance(len, sectorSize));

@@ -26,10 +26,11 @@ final class MapFileWriter {
     private int majorVer;
     private int minorVer;
 
-    MapFileWriter(int height, int sectorSize) {
+    MapFileWriter(int height, int sectorSize, boolean aligned) {
         this.sectorSize = sectorSize;
         ByteBuffer header = ByteBuffer.allocate(MapFile.HEADER_BYTES + MapFile.CHECKSUM_BYTES)
-                .putLong(MapFile.MAGIC).putShort(MapFile.VERSION).putShort((short) height)
+                .putLong(MapFile.MAGIC).putShort(MapFile.VERSION)
+                .put(aligned ? MapFile.WHOLE_SECTORS : MapFile.ANY_RANGES).put((byte) height)
                 .putInt(sectorSize);
         finish(header);
         block = newBlock();
@@ -38,8 +39,8 @@ final class MapFileWriter {
     /** Takes all ranges of a map whose lock the caller holds. */
     void encode(long map, BufferedRanges buffered) {
         long count = 0;
-        long[] run = JniSkipListNative.getAllNodes(map);
-        for (long node = run[0]; node != run[1]; node = JniSkipListNative.nextNode(node)) {
+        long[] run = MapSearch.runOverAll(map);
+        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
             if (buffered == BufferedRanges.REFUSE) {
                 requireNoBuffer(node);
             }
@@ -60,10 +61,8 @@ final class MapFileWriter {
     }
 
     private static void requireNoBuffer(long node) {
-        if (JniSkipListNative.getNodeFileType(node)
-                && JniSkipListNative.getNodeFileBuff(node) != null) {
-            throw new IllegalStateException("save: range at offset "
-                    + JniSkipListNative.getNodeIndexOffset(node)
+        if (NodeReader.isMemoryType(node) && NodeReader.buffer(node) != null) {
+            throw new IllegalStateException("save: range at offset " + NodeReader.offset(node)
                     + ": with a buffer (expected: none, or " + BufferedRanges.KEEP_LOCATION + ")");
         }
     }
@@ -72,12 +71,12 @@ final class MapFileWriter {
         if (block.remaining() < MapFile.RANGE_BYTES + MapFile.CHECKSUM_BYTES) {
             finishBlock();
         }
-        long offset = JniSkipListNative.getNodeIndexOffset(node);
-        int nextLen = JniSkipListNative.getNodeIndexLen(node);
-        int nextPlace = JniSkipListNative.getNodeFileOffset(node);
-        int nextNumber = JniSkipListNative.getNodeFileNumber(node);
-        int nextMajor = JniSkipListNative.getNodeFileMajorVer(node);
-        int nextMinor = JniSkipListNative.getNodeFileMinorVer(node);
+        long offset = NodeReader.offset(node);
+        int nextLen = NodeReader.len(node);
+        int nextPlace = NodeReader.fileOffset(node);
+        int nextNumber = NodeReader.fileNumber(node);
+        int nextMajor = NodeReader.majorVer(node);
+        int nextMinor = NodeReader.minorVer(node);
         int flags = (offset != end ? MapFile.GAP : 0)
                 | (nextLen != len ? MapFile.LENGTH : 0)
                 | (nextPlace != place ? MapFile.PLACE : 0)

@@ -18,16 +18,24 @@ public record MappedRange(long offset, int len, boolean memoryType, FileLocation
         return offset + len;
     }
 
-    /** Reads a range from a map whose lock the caller holds. */
-    static MappedRange read(long node) {
-        FileLocation location = new FileLocation(
-                Byte.toUnsignedInt(JniSkipListNative.getNodeFileNumber(node)),
-                JniSkipListNative.getNodeFileOffset(node),
-                JniSkipListNative.getNodeFileMajorVer(node),
-                JniSkipListNative.getNodeFileMinorVer(node));
-        return new MappedRange(
-                JniSkipListNative.getNodeIndexOffset(node),
-                JniSkipListNative.getNodeIndexLen(node),
-                JniSkipListNative.getNodeFileType(node), location);
+    /**
+     * Tells whether a byte is in the range.
+     *
+     * @param position any position
+     * @return whether {@code position} is at least the offset and less than the end
+     */
+    public boolean contains(long position) {
+        return position >= offset && position < end();
+    }
+
+    /**
+     * Tells whether this is a hole: bytes that are stored nowhere, as {@link OffHeapRangeMap#remove}
+     * and inserts of {@link FileLocation#EMPTY} leave them.
+     *
+     * @return whether the range is of file type and its location
+     *     {@linkplain FileLocation#isUnversioned unversioned}
+     */
+    public boolean isHole() {
+        return !memoryType && location.isUnversioned();
     }
 }

@@ -4,10 +4,12 @@ import java.lang.System.Logger;
 import java.lang.System.Logger.Level;
 import java.util.Locale;
 import java.util.concurrent.atomic.AtomicInteger;
+import java.util.concurrent.atomic.AtomicLong;
 
 /**
  * The native half of an {@link OffHeapRangeMap}: is destroyed once, when the map is closed or, as a
- * safety net that tells of it, when the map was lost. Must not refer to the map.
+ * safety net that tells of it, when the map was lost. Must refer neither to the map nor to its
+ * guard. The map's guard serialises the calls.
  */
 final class NativeMap implements Runnable {
     private static final String LEVEL_PROPERTY = "skiplist.leakDetection";
@@ -15,11 +17,15 @@ final class NativeMap implements Runnable {
     private static final Logger LOGGER = System.getLogger(OffHeapRangeMap.class.getName());
     private static final LeakDetection DETECTION = level();
     private static final AtomicInteger CREATED = new AtomicInteger();
+    private static final AtomicLong OPEN = new AtomicLong();
+    private static final AtomicLong LOST = new AtomicLong();
 
-    private final long handle;
+    private final int height;
+    private final int sectorSize;
     private final String name;
     private final Throwable creationSite;
-    private volatile boolean closed;
+    private long handle;
+    private boolean closed;
 
     private enum LeakDetection {
         OFF,
@@ -27,8 +33,10 @@ final class NativeMap implements Runnable {
         ALWAYS
     }
 
-    NativeMap(long handle, String name) {
-        this.handle = handle;
+    /** Makes what will hold the native half, and has none yet. */
+    NativeMap(int height, int sectorSize, String name) {
+        this.height = height;
+        this.sectorSize = sectorSize;
         this.name = name;
         boolean traced = DETECTION == LeakDetection.ALWAYS
                 || DETECTION == LeakDetection.SAMPLED
@@ -36,12 +44,35 @@ final class NativeMap implements Runnable {
         creationSite = traced ? new Throwable(name + " was created here") : null;
     }
 
+    /** Gives the maps of the process that are neither closed nor freed. */
+    static long openMaps() {
+        return OPEN.get();
+    }
+
+    /** Gives the maps of the process that were lost and have been freed. */
+    static long lostMaps() {
+        return LOST.get();
+    }
+
+    /** Makes the native half. */
+    void open() {
+        handle = JniSkipListNative.createSkipList(height, sectorSize);
+        OPEN.incrementAndGet();
+    }
+
     long handle() {
         return handle;
     }
 
-    boolean isClosed() {
-        return closed;
+    int height() {
+        return height;
+    }
+
+    /** Takes an empty native half in place of this one, which is destroyed. */
+    void renew() {
+        long old = handle;
+        handle = JniSkipListNative.createSkipList(height, sectorSize);
+        JniSkipListNative.destorySkipList(old);
     }
 
     /** Says that the coming end is intended. */
@@ -51,16 +82,24 @@ final class NativeMap implements Runnable {
 
     @Override
     public void run() {
+        if (handle == 0) {
+            return;
+        }
+        OPEN.decrementAndGet();
         try {
             JniSkipListNative.destorySkipList(handle);
         } finally {
-            if (!closed && DETECTION != LeakDetection.OFF) {
+            if (!closed) {
+                LOST.incrementAndGet();
                 report();
             }
         }
     }
 
     private void report() {
+        if (DETECTION == LeakDetection.OFF) {
+            return;
+        }
         String found = name + " was never closed; its native memory and its buffers were given back"
                 + " when it was garbage collected";
         if (creationSite == null) {

@@ -11,7 +11,9 @@ import java.util.ConcurrentModificationException;
 import java.util.List;
 import java.util.Optional;
 import java.util.concurrent.atomic.AtomicLong;
-import java.util.concurrent.locks.ReentrantLock;
+import java.util.function.Consumer;
+import java.util.function.Supplier;
+import stor.device.skiplist.MapGuard.Access;
 
 /**
  * Maps disjoint, non-empty byte ranges of a storage device to the places in files where the bytes
@@ -31,25 +33,46 @@ import java.util.concurrent.locks.ReentrantLock;
  * longer range than was inserted; and a range that is cut keeps its place in the file, its later
  * parts a {@linkplain FileLocation distance} further along.
  *
+ * <h2>Whole sectors</h2>
+ *
+ * <p>The file keeps 8 bytes of its own after every whole sector, counted from where the stored
+ * range begins. A cut in the middle of a sector starts a new count there: where a byte behind it is
+ * found then depends on the order of the writes. So {@link #create} makes maps that refuse every
+ * change that is not in whole sectors. {@link #createUnaligned} is for those who know that their
+ * places come out right.
+ *
+ * <h2>Holes</h2>
+ *
+ * <p>Ranges are not taken out of a map again. What is removed becomes a hole: a range of file type
+ * whose location has both versions -1, as {@link FileLocation#EMPTY} has. Lookups that ask for
+ * stored ranges ({@link #get}, {@link #floor}, {@link #lower}, {@link #ceiling}, {@link #higher},
+ * {@link #first}, {@link #last}, {@link #ranges}, {@link #isEmpty}) pass over holes; walks
+ * ({@link #forEach(Visitor) forEach}, {@link #forEachWhile}, {@link #forEachDescending},
+ * {@link #read}) show them, {@link #copyTo} copies them, and the counters {@link #size},
+ * {@link #coveredBytes}, {@link #insertedBytes} and {@link #insertCount} count them like other
+ * ranges. {@link #remove} keeps at most one hole between two stored ranges, if its length can be
+ * said in an {@code int}.
+ *
  * <h2>Who owns a buffer</h2>
  *
  * <table>
  * <caption>Reference counts</caption>
  * <tr><th>operation</th><th>buffer</th></tr>
- * <tr><td>{@link #insert(long, int, FileLocation, ByteBuf) insert}</td><td>the map retains a slice
- * of its own; the caller keeps and releases his reference</td></tr>
- * <tr><td>lookup, {@link Visited#buffer()}</td><td>borrowed: nobody releases it, and it ends with
+ * <tr><td>{@link #insert(long, int, FileLocation, ByteBuf) insert},
+ * {@link #replace(long, int, FileLocation, ByteBuf, Consumer) replace}</td><td>the map retains a
+ * slice of its own; the caller keeps and releases his reference</td></tr>
+ * <tr><td>visit, {@link Visited#buffer()}</td><td>borrowed: nobody releases it, and it ends with
  * the visit</td></tr>
- * <tr><td>lookup, {@link Visited#retainedBuffer()}</td><td>the caller's to release, whatever
- * becomes of the map</td></tr>
- * <tr><td>a range is overwritten or dropped</td><td>the map releases its slice</td></tr>
+ * <tr><td>visit, {@link Visited#retainedBuffer()}; {@link #retainedBuffer(long)}</td><td>the
+ * caller's to release, whatever becomes of the map</td></tr>
+ * <tr><td>a range is overwritten, removed or dropped</td><td>the map releases its slice</td></tr>
  * <tr><td>a range is cut</td><td>the map retains a slice for each piece left and releases that of
  * the whole</td></tr>
- * <tr><td>{@link #compareAndRelease}, {@link #release}</td><td>the map releases the slice of each
- * range found</td></tr>
+ * <tr><td>{@link #compareAndRelease}, {@link #release}, {@link #releaseBuffers}</td><td>the
+ * map releases the slice of each range found</td></tr>
  * <tr><td>{@link #copyTo}</td><td>the destination retains a slice for each range</td></tr>
- * <tr><td>{@link #close}, or the loss of an open map</td><td>the map releases all its
- * slices</td></tr>
+ * <tr><td>{@link #clear}, {@link #close}, or the loss of an open map</td><td>the map releases all
+ * its slices</td></tr>
  * <tr><td>an insert that fails</td><td>unchanged</td></tr>
  * </table>
  *
@@ -62,9 +85,12 @@ import java.util.concurrent.locks.ReentrantLock;
  * after another under a lock of its own, and {@link #close} waits for the call in progress. A
  * visitor runs inside that lock. It may query the map that it visits, but an attempt to change or
  * close that map, like one from inside a callback of a buffer, throws a
- * {@link ConcurrentModificationException} and changes nothing. A visitor that calls another map
- * holds both locks: two threads that do this in opposite orders block each other, and so does a
- * visitor that waits for another thread which uses the visited map.
+ * {@link ConcurrentModificationException} and changes nothing; and inside a callback of a buffer
+ * whose map is being changed, queries of that map throw it too. A visitor that calls another map
+ * holds both locks, and so does a body of {@link #atomically(Runnable)}: two threads that do this
+ * in opposite orders block each other, and so does a visitor that waits for another thread which
+ * uses the visited map. {@link #copyTo} takes no part in that: it never waits for one of its maps
+ * while it holds the other, unless its caller holds that already.
  *
  * <h2>Failure</h2>
  *
@@ -72,7 +98,9 @@ import java.util.concurrent.locks.ReentrantLock;
  * {@link NullPointerException}, or {@link IllegalArgumentException} with what was expected. On a
  * closed map all but {@link #isClosed}, {@link #close} and {@link #toString} throw
  * {@link IllegalStateException}. Native memory that is used up is an {@link OutOfMemoryError}, and
- * any other native failure a {@link RuntimeException}; an insert has then changed nothing.
+ * any other native failure a {@link RuntimeException}; an insert has then changed nothing. What a
+ * buffer throws that will not be sliced is the cause of that exception. A call without stack enough
+ * to finish throws {@link StackOverflowError} before it does anything.
  *
  * <h2>Closing</h2>
  *
@@ -80,6 +108,7 @@ import java.util.concurrent.locks.ReentrantLock;
  * at a time that nobody knows, and logged as a warning. The system property
  * {@code skiplist.leakDetection} says how: {@code sampled} (default: with the place of creation of
  * one map in 64), {@code always} (of each) or {@code off} (freed without a word).
+ * {@link NativeMemory#openMaps} and {@link NativeMemory#lostMaps} let a test run fail for it.
  */
 public final class OffHeapRangeMap implements AutoCloseable {
     /** The most levels that a map may have. */
@@ -87,107 +116,36 @@ public final class OffHeapRangeMap implements AutoCloseable {
     /** The most logical bytes that a sector may have. */
     public static final int MAX_SECTOR_SIZE = 1 << 30;
 
+    private static final int LONGEST = Integer.MAX_VALUE;
     private static final Cleaner CLEANER = Cleaner.create();
     private static final AtomicLong CREATED = new AtomicLong();
 
     private final long id = CREATED.incrementAndGet();
-    private final ReentrantLock lock = new ReentrantLock();
-    private final NativeMap nativeMap;
-    private final Cleaner.Cleanable cleanable;
-    private final long handle;
-    private final int height;
     private final int sectorSize;
-    private final FusionGuard fusions;
+    private final boolean aligned;
+    private final NativeMap nativeMap;
+    private final MapGuard guard;
+    private final Cleaner.Cleanable cleanable;
 
-    // Under the lock.
-    private boolean changing;
-    private int walks;
-    private String closedBy;
+    // Used inside the guard.
+    private FusionGuard fusions;
+    private HandedBuffer handed;
 
-    /**
-     * Takes the ranges of a walk one by one, in order, with no object made for any of them.
-     */
-    @FunctionalInterface
-    public interface Visitor {
-        /**
-         * Takes a range. What this throws ends the walk and is passed on.
-         *
-         * @param offset the first byte
-         * @param len the length in bytes, at least 1
-         * @param fileNumber the file number, 0 to 255
-         * @param fileOffset the offset of the range's first byte in the file, in bytes
-         * @param majorVer the major version of the file location
-         * @param minorVer the minor version of the file location
-         * @param range says more about the range; the same object for all ranges of a walk
-         */
-        void visit(long offset, int len, int fileNumber, int fileOffset, int majorVer, int minorVer,
-                Visited range);
-    }
-
-    /**
-     * Says more about the range that is being visited. Belongs to the visiting thread and ends with
-     * the walk; its methods throw {@link ConcurrentModificationException} anywhere else.
-     */
-    public static final class Visited {
-        private final Thread visitor = Thread.currentThread();
-        private volatile long node;
-
-        private Visited() {
-        }
-
-        /**
-         * Tells whether the range was inserted with a buffer, even if that has been given back.
-         *
-         * @return whether it was
-         */
-        public boolean isMemoryType() {
-            return JniSkipListNative.getNodeFileType(node());
-        }
-
-        /**
-         * Borrows the buffer with the bytes of the range. The caller neither releases nor changes
-         * it, and does not use it after the visit. Makes one small object, with indices of its own,
-         * if there is a buffer.
-         *
-         * @return a buffer with as many readable bytes as the range is long, or null
-         */
-        public ByteBuf buffer() {
-            ByteBuf held = JniSkipListNative.getNodeFileBuff(node());
-            return held == null ? null : held.slice();
-        }
-
-        /**
-         * Takes a reference to the bytes of the range, which outlives the visit and the map.
-         *
-         * @return a buffer with as many readable bytes as the range is long, for the caller to
-         *     release, or null
-         */
-        public ByteBuf retainedBuffer() {
-            ByteBuf held = JniSkipListNative.getNodeFileBuff(node());
-            return held == null ? null : held.retainedSlice();
-        }
-
-        private long node() {
-            long current = node;
-            if (current == 0 || Thread.currentThread() != visitor) {
-                throw new ConcurrentModificationException(
-                        "visited range: used outside its visit (expected: only in visit())");
-            }
-            return current;
-        }
-    }
-
-    private OffHeapRangeMap(int height, int sectorSize) {
-        this.height = height;
+    private OffHeapRangeMap(int height, int sectorSize, boolean aligned) {
         this.sectorSize = sectorSize;
-        handle = JniSkipListNative.createSkipList(height, sectorSize);
-        nativeMap = new NativeMap(handle, toString());
-        cleanable = CLEANER.register(this, nativeMap);
-        fusions = new FusionGuard(handle, sectorSize);
+        this.aligned = aligned;
+        fusions = new FusionGuard(sectorSize);
+        nativeMap = new NativeMap(height, sectorSize, toString());
+        guard = new MapGuard(toString(), id);
+        // The guard, not the map: whoever is inside keeps it.
+        cleanable = CLEANER.register(guard, nativeMap);
+        NativeMemory.sweepIfDue();
+        nativeMap.open();
     }
 
     /**
-     * Makes an empty map, which the caller closes.
+     * Makes an empty map, which the caller closes. It refuses changes that are not in whole
+     * sectors: offsets and lengths must be multiples of the sector size.
      *
      * @param height the number of levels, 1 to {@link #MAX_HEIGHT}; 12 serve 16 million ranges
      * @param sectorSize the logical bytes of a sector, 1 to {@link #MAX_SECTOR_SIZE}
@@ -196,9 +154,30 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * @throws OutOfMemoryError if native memory is exhausted or at its limit
      */
     public static OffHeapRangeMap create(int height, int sectorSize) {
-        Arguments.within("create", "height", height, 1, MAX_HEIGHT);
-        Arguments.within("create", "sectorSize", sectorSize, 1, MAX_SECTOR_SIZE);
-        return new OffHeapRangeMap(height, sectorSize);
+        return create("create", height, sectorSize, true);
+    }
+
+    /**
+     * Makes an empty map, which the caller closes, that takes ranges of any offset and length. Where
+     * a byte is found then depends on how the ranges were cut: with sectors of 512, [0, 2048) in a
+     * file at 0, and writes to [50, 100) and [550, 600), byte 600 is found at 600 of the file, and
+     * at 608 if the two writes are swapped.
+     *
+     * @param height the number of levels, 1 to {@link #MAX_HEIGHT}; 12 serve 16 million ranges
+     * @param sectorSize the logical bytes of a sector, 1 to {@link #MAX_SECTOR_SIZE}
+     * @return the map
+     * @throws IllegalArgumentException if an argument is out of its bounds
+     * @throws OutOfMemoryError if native memory is exhausted or at its limit
+     */
+    public static OffHeapRangeMap createUnaligned(int height, int sectorSize) {
+        return create("createUnaligned", height, sectorSize, false);
+    }
+
+    private static OffHeapRangeMap create(
+            String operation, int height, int sectorSize, boolean aligned) {
+        Arguments.within(operation, "height", height, 1, MAX_HEIGHT);
+        Arguments.within(operation, "sectorSize", sectorSize, 1, MAX_SECTOR_SIZE);
+        return new OffHeapRangeMap(height, sectorSize, aligned);
     }
 
     /**
@@ -207,7 +186,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
      *
      * @param channel where the map begins; blocking
      * @return the map, with the height, the sector size and the ranges of the one saved, for the
-     *     caller to close
+     *     caller to close; it refuses what is not in whole sectors if that one did
      * @throws IOException if the channel cannot be read, or what it has is damaged, cut, no map or
      *     of a later version; says where, and what was expected. Nothing is left behind
      * @throws OutOfMemoryError if native memory is exhausted or at its limit; nothing is left behind
@@ -220,9 +199,22 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * Reads the sector size that the map was made with.
      *
      * @return the logical bytes of a sector
+     * @throws IllegalStateException if the map is closed
      */
     public int sectorSize() {
+        guard.requireOpen("sectorSize");
         return sectorSize;
+    }
+
+    /**
+     * Reads the number of levels that the map was made with.
+     *
+     * @return the number of levels
+     * @throws IllegalStateException if the map is closed
+     */
+    public int height() {
+        guard.requireOpen("height");
+        return nativeMap.height();
     }
 
     // --- Changes ---------------------------------------------------------------------------------
@@ -234,24 +226,20 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * @param offset the first byte
      * @param len the length in bytes, more than 0
      * @param location where the first byte lies; {@link FileLocation#EMPTY} for nowhere
-     * @throws IllegalArgumentException if the range is empty or leaves the 64 bits of an offset, or
-     *     if it covers one end of a stored range that it continues, to more than 2^31-1 bytes in
-     *     all
+     * @throws IllegalArgumentException if the range is empty, leaves the 64 bits of an offset, or is
+     *     not made of whole sectors where they are asked for; or if it covers one end of a stored
+     *     range that it continues, to more than 2^31-1 bytes in all
      * @throws IllegalStateException if the map is closed
      * @throws ConcurrentModificationException if the map is being visited by this thread
      * @throws OutOfMemoryError if native memory is exhausted or at its limit; nothing has changed
      */
     public void insert(long offset, int len, FileLocation location) {
-        Arguments.range("insert", offset, len);
-        Arguments.notNull("insert", "location", location);
-        beginChange("insert");
+        checkInsert("insert", offset, len, location);
+        guard.enter("insert", Access.CHANGE);
         try {
-            if (fusions.noteInserts(offset, len, location)) {
-                fusions.check("insert", offset, len, location);
-            }
-            insertNative(offset, len, location);
+            insertJoined("insert", offset, len, location);
         } finally {
-            endChange();
+            guard.leave(Access.CHANGE);
         }
     }
 
@@ -266,29 +254,139 @@ public final class OffHeapRangeMap implements AutoCloseable {
      *     say the bytes of both
      * @param buffer the bytes of the range are its first {@code len} readable ones; remains the
      *     caller's, indices and reference included
-     * @throws IllegalArgumentException if the range is empty or leaves the 64 bits of an offset, if
-     *     both versions are -1, if the buffer has been released, or if it has fewer than
-     *     {@code len} readable bytes
+     * @throws IllegalArgumentException if the range is empty, leaves the 64 bits of an offset, or is
+     *     not made of whole sectors where they are asked for, if both versions are -1, if the
+     *     buffer has been released, or if it has fewer than {@code len} readable bytes
      * @throws IllegalStateException if the map is closed
      * @throws ConcurrentModificationException if the map is being visited by this thread
      * @throws OutOfMemoryError if native memory is exhausted or at its limit; nothing has changed
      */
     public void insert(long offset, int len, FileLocation location, ByteBuf buffer) {
-        Arguments.range("insert", offset, len);
-        Arguments.notNull("insert", "location", location);
-        if (location.isUnversioned()) {
-            throw Arguments.illegal("insert", "location: " + location + " with a buffer",
-                    "a version other than -1, or no buffer");
-        }
-        ByteBuf bytes = Arguments.bytes("insert", buffer, len);
-        buffer.touch(this);
-        beginChange("insert");
+        Arguments.notNull("insert", "buffer", buffer);
+        checkInsert("insert", offset, len, location);
+        checkBuffer("insert", len, location, buffer);
+        guard.enter("insert", Access.CHANGE);
         try {
-            fusions.noteCut(offset, len);
-            insertNative(offset, len, location, bytes);
+            insertBuffer(offset, len, location, buffer);
         } finally {
-            endChange();
+            guard.leave(Access.CHANGE);
             Reference.reachabilityFence(buffer);
+        }
+    }
+
+    /**
+     * Inserts as {@link #insert(long, int, FileLocation)}, and tells which pieces of stored ranges
+     * have lost their bytes by it; holes are not told. A log-structured store counts its garbage by
+     * them.
+     *
+     * @param offset the first byte
+     * @param len the length in bytes, more than 0
+     * @param location where the first byte lies; {@link FileLocation#EMPTY} for nowhere
+     * @param displaced takes the pieces in order, after the insert and outside the map's lock; what
+     *     it throws is passed on, and the insert is done all the same
+     * @throws IllegalArgumentException as {@link #insert(long, int, FileLocation)}, like the others
+     */
+    public void replace(long offset, int len, FileLocation location,
+            Consumer<? super MappedRange> displaced) {
+        Arguments.notNull("replace", "displaced", displaced);
+        checkInsert("replace", offset, len, location);
+        List<MappedRange> pieces = new ArrayList<>();
+        guard.enter("replace", Access.CHANGE);
+        try {
+            findStored(pieces, offset, len);
+            insertJoined("replace", offset, len, location);
+        } finally {
+            guard.leave(Access.CHANGE);
+        }
+        pieces.forEach(displaced);
+    }
+
+    /**
+     * Inserts as {@link #insert(long, int, FileLocation, ByteBuf)}, and tells which pieces of stored
+     * ranges have lost their bytes by it; holes are not told.
+     *
+     * @param offset the first byte
+     * @param len the length in bytes, more than 0
+     * @param location where the first byte will lie; at least one version is not -1
+     * @param buffer the bytes of the range are its first {@code len} readable ones; remains the
+     *     caller's, indices and reference included
+     * @param displaced takes the pieces in order, after the insert and outside the map's lock; what
+     *     it throws is passed on, and the insert is done all the same
+     * @throws IllegalArgumentException as {@link #insert(long, int, FileLocation, ByteBuf)}, like
+     *     the others
+     */
+    public void replace(long offset, int len, FileLocation location, ByteBuf buffer,
+            Consumer<? super MappedRange> displaced) {
+        Arguments.notNull("replace", "buffer", buffer);
+        Arguments.notNull("replace", "displaced", displaced);
+        checkInsert("replace", offset, len, location);
+        checkBuffer("replace", len, location, buffer);
+        List<MappedRange> pieces = new ArrayList<>();
+        guard.enter("replace", Access.CHANGE);
+        try {
+            findStored(pieces, offset, len);
+            insertBuffer(offset, len, location, buffer);
+        } finally {
+            guard.leave(Access.CHANGE);
+            Reference.reachabilityFence(buffer);
+        }
+        pieces.forEach(displaced);
+    }
+
+    /**
+     * Makes a hole of what is stored in a range. Bytes there that are not stored stay as they are,
+     * but for gaps and holes between the ranges removed and next to them, which become part of the
+     * hole.
+     *
+     * <p>A hole is a range that takes native memory as others do: 104 bytes. Takes up to 64 queries
+     * more where the removed ranges are not preceded directly by another. A hole of more than
+     * 2^31-1 bytes is made of several.
+     *
+     * @param offset the first byte
+     * @param len the length in bytes, more than 0
+     * @return the number of bytes that were stored and are so no more
+     * @throws IllegalArgumentException if the range is empty, leaves the 64 bits of an offset, or is
+     *     not made of whole sectors where they are asked for
+     * @throws IllegalStateException if the map is closed
+     * @throws ConcurrentModificationException if the map is being visited by this thread
+     * @throws OutOfMemoryError if native memory is exhausted or at its limit; nothing has changed,
+     *     but for holes of more than 2^31-1 bytes, of which the first may have been made
+     */
+    public long remove(long offset, long len) {
+        Arguments.range("remove", offset, len);
+        checkAligned("remove", offset, len);
+        guard.enter("remove", Access.CHANGE);
+        try {
+            return punchAll(offset, offset + len);
+        } finally {
+            guard.leave(Access.CHANGE);
+        }
+    }
+
+    /**
+     * Forgets all ranges, holes among them, gives their native memory and their buffers back, and
+     * starts all counters again from 0: what is left is as a new map.
+     *
+     * @throws IllegalStateException if the map is closed
+     * @throws ConcurrentModificationException if the map is being visited by this thread
+     * @throws OutOfMemoryError if native memory is exhausted or at its limit; nothing has changed
+     * @throws RuntimeException if a buffer that the map held fails to be given back; the map is
+     *     cleared all the same
+     */
+    public void clear() {
+        FusionGuard fresh = new FusionGuard(sectorSize);
+        guard.enter("clear", Access.CHANGE);
+        try {
+            long old = nativeMap.handle();
+            try {
+                nativeMap.renew();
+            } finally {
+                if (nativeMap.handle() != old) {
+                    fusions = fresh;
+                }
+            }
+        } finally {
+            guard.leave(Access.CHANGE);
         }
     }
 
@@ -310,20 +408,35 @@ public final class OffHeapRangeMap implements AutoCloseable {
      */
     public boolean compareAndSet(
             long offset, int len, FileLocation expected, FileLocation replacement) {
-        Arguments.range("compareAndSet", offset, len);
-        Arguments.notNull("compareAndSet", "expected", expected);
-        Arguments.notNull("compareAndSet", "replacement", replacement);
-        beginChange("compareAndSet");
+        checkRedirect("compareAndSet", offset, len, expected, replacement);
+        guard.enter("compareAndSet", Access.CHANGE);
         try {
-            if (fusions.noteInserts(offset, len, replacement)) {
-                return compareAndSetChecked(offset, len, expected, replacement);
-            }
-            return JniSkipListNative.compareAndSet(handle, offset, len,
-                    expected.offset(), expected.majorVer(), expected.minorVer(),
-                    (byte) expected.number(), replacement.offset(), replacement.majorVer(),
-                    replacement.minorVer(), (byte) replacement.number());
+            return redirectJoined("compareAndSet", offset, len, expected, replacement);
         } finally {
-            endChange();
+            guard.leave(Access.CHANGE);
+        }
+    }
+
+    /**
+     * Redirects as {@link #compareAndSet}, and tells how much.
+     *
+     * @param offset the first byte
+     * @param len the length in bytes, more than 0
+     * @param expected where the byte at {@code offset} is expected to lie
+     * @param replacement where it lies from now on
+     * @return the number of bytes redirected; 0 if no part matched
+     * @throws IllegalArgumentException as {@link #compareAndSet}, like the others
+     */
+    public long redirect(long offset, int len, FileLocation expected, FileLocation replacement) {
+        checkRedirect("redirect", offset, len, expected, replacement);
+        guard.enter("redirect", Access.CHANGE);
+        try {
+            // Each part redirected is an insert of its bytes.
+            long before = JniSkipListNative.getSkipLIstRawLen(nativeMap.handle());
+            redirectJoined("redirect", offset, len, expected, replacement);
+            return JniSkipListNative.getSkipLIstRawLen(nativeMap.handle()) - before;
+        } finally {
+            guard.leave(Access.CHANGE);
         }
     }
 
@@ -335,19 +448,51 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * @param len the length in bytes, more than 0
      * @param expected where the byte at {@code offset} is expected to lie
      * @return the summed lengths in bytes of the ranges whose buffer was given back
-     * @throws IllegalArgumentException if the range is empty or leaves the 64 bits of an offset
+     * @throws IllegalArgumentException if the range is empty, leaves the 64 bits of an offset, or is
+     *     not made of whole sectors where they are asked for
      * @throws IllegalStateException if the map is closed
      * @throws ConcurrentModificationException if the map is being visited by this thread
      */
     public long compareAndRelease(long offset, int len, FileLocation expected) {
         Arguments.range("compareAndRelease", offset, len);
         Arguments.notNull("compareAndRelease", "expected", expected);
-        beginChange("compareAndRelease");
+        checkAligned("compareAndRelease", offset, len);
+        guard.enter("compareAndRelease", Access.CHANGE);
         try {
-            return JniSkipListNative.compareAndRelease(handle, offset, len, expected.offset(),
-                    expected.majorVer(), expected.minorVer(), (byte) expected.number());
+            return releaseNative(offset, len, expected);
         } finally {
-            endChange();
+            guard.leave(Access.CHANGE);
+        }
+    }
+
+    /**
+     * Gives back the buffers of the ranges that lie wholly inside a range, wherever they lie in
+     * files. They keep everything else.
+     *
+     * @param offset the first byte
+     * @param len the length in bytes, more than 0
+     * @return the summed lengths in bytes of the ranges whose buffer was given back
+     * @throws IllegalArgumentException if the range is empty or leaves the 64 bits of an offset
+     * @throws IllegalStateException if the map is closed
+     * @throws ConcurrentModificationException if the map is being visited by this thread
+     */
+    public long releaseBuffers(long offset, long len) {
+        Arguments.range("releaseBuffers", offset, len);
+        guard.enter("releaseBuffers", Access.CHANGE);
+        try {
+            long released = 0;
+            long[] run = MapSearch.run(nativeMap.handle(), offset, len);
+            // Nodes stay where they are when their buffers go.
+            for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+                if (NodeReader.offset(node) >= offset && NodeReader.end(node) <= offset + len
+                        && NodeReader.isMemoryType(node)) {
+                    released += releaseNative(NodeReader.offset(node), NodeReader.len(node),
+                            NodeReader.location(node));
+                }
+            }
+            return released;
+        } finally {
+            guard.leave(Access.CHANGE);
         }
     }
 
@@ -359,20 +504,21 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * @throws ConcurrentModificationException if the map is being visited by this thread
      */
     public long release() {
-        beginChange("release");
+        guard.enter("release", Access.CHANGE);
         try {
-            return JniSkipListNative.release(handle);
+            return JniSkipListNative.release(nativeMap.handle());
         } finally {
-            endChange();
+            guard.leave(Access.CHANGE);
         }
     }
 
     /**
-     * Inserts a copy of every range into another map, in order, over whatever that one holds. Takes
-     * the locks of both maps, always in the same order.
+     * Inserts a copy of every range into another map, in order, over whatever that one holds. Holds
+     * the locks of both maps meanwhile.
      *
-     * @param destination another map
-     * @throws IllegalArgumentException if {@code destination} is this map, or as
+     * @param destination another map with the same sector size; if it asks for whole sectors, one
+     *     that does is copied only
+     * @throws IllegalArgumentException if {@code destination} is this map or not as told, or as
      *     {@link #insert(long, int, FileLocation)} for the length of a joined range; the ranges
      *     copied so far stay in the destination
      * @throws IllegalStateException if either map is closed
@@ -382,52 +528,78 @@ public final class OffHeapRangeMap implements AutoCloseable {
      */
     public void copyTo(OffHeapRangeMap destination) {
         Arguments.notNull("copyTo", "destination", destination);
-        if (destination == this) {
-            throw Arguments.illegal("copyTo", "destination: " + this, "another map");
-        }
-        OffHeapRangeMap earlier = id < destination.id ? this : destination;
-        OffHeapRangeMap later = earlier == this ? destination : this;
-        earlier.lock.lock();
-        later.lock.lock();
+        checkDestination(destination);
+        NativeMemory.sweepIfDue();
+        MapGuard.enterBoth("copyTo", guard, destination.guard);
         try {
-            requireReadable("copyTo");
-            destination.requireChangeable("copyTo");
-            changing = true;
-            destination.changing = true;
-            try {
-                copyLocked(destination);
-            } finally {
-                changing = false;
-                destination.changing = false;
-            }
+            copyInside(destination);
         } finally {
-            later.lock.unlock();
-            earlier.lock.unlock();
-            Reference.reachabilityFence(destination);
-            Reference.reachabilityFence(this);
+            MapGuard.leaveBoth(guard, destination.guard);
+        }
+        NativeMemory.sweepIfDue();
+    }
+
+    /**
+     * Does several operations with no other thread's in between, under the map's lock. The body may
+     * do whatever a caller may, calls of this map and of others included.
+     *
+     * @param body does them; what it throws is passed on
+     * @throws IllegalStateException if the map is closed
+     * @throws ConcurrentModificationException if the map is being visited by this thread
+     */
+    public void atomically(Runnable body) {
+        Arguments.notNull("atomically", "body", body);
+        guard.enter("atomically", Access.ALL);
+        try {
+            body.run();
+        } finally {
+            guard.leave(Access.ALL);
         }
     }
 
-    // --- Queries ---------------------------------------------------------------------------------
+    /**
+     * Does several operations with no other thread's in between, as {@link #atomically(Runnable)},
+     * and gives their result.
+     *
+     * @param <T> the type of the result
+     * @param body does them; what it throws is passed on
+     * @return its result
+     * @throws IllegalStateException if the map is closed
+     * @throws ConcurrentModificationException if the map is being visited by this thread
+     */
+    public <T> T atomically(Supplier<T> body) {
+        Arguments.notNull("atomically", "body", body);
+        guard.enter("atomically", Access.ALL);
+        try {
+            return body.get();
+        } finally {
+            guard.leave(Access.ALL);
+        }
+    }
+
+    // --- Walks -----------------------------------------------------------------------------------
 
     /**
-     * Visits all ranges in order.
+     * Visits all ranges in order, holes among them.
      *
      * @param visitor takes them
      * @throws IllegalStateException if the map is closed
      */
     public void forEach(Visitor visitor) {
         Arguments.notNull("forEach", "visitor", visitor);
-        beginQuery("forEach");
+        Visited visited = new Visited();
+        guard.enter("forEach", Access.VISIT);
         try {
-            walk(JniSkipListNative.getAllNodes(handle), visitor);
+            walk(MapSearch.runOverAll(nativeMap.handle()), visitor, visited);
         } finally {
-            endQuery();
+            visited.moveTo(0);
+            guard.leave(Access.VISIT);
         }
     }
 
     /**
-     * Visits the ranges that share at least one byte with a range, whole and in order.
+     * Visits the ranges that share at least one byte with a range, holes among them, whole and in
+     * order.
      *
      * @param offset the first byte
      * @param len the length in bytes, more than 0
@@ -435,19 +607,110 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * @throws IllegalArgumentException if the range is empty or leaves the 64 bits of an offset
      * @throws IllegalStateException if the map is closed
      */
-    public void forEach(long offset, int len, Visitor visitor) {
+    public void forEach(long offset, long len, Visitor visitor) {
         Arguments.range("forEach", offset, len);
         Arguments.notNull("forEach", "visitor", visitor);
-        beginQuery("forEach");
+        Visited visited = new Visited();
+        guard.enter("forEach", Access.VISIT);
         try {
-            walk(JniSkipListNative.getNodes(handle, offset, len), visitor);
+            walk(MapSearch.run(nativeMap.handle(), offset, len), visitor, visited);
         } finally {
-            endQuery();
+            visited.moveTo(0);
+            guard.leave(Access.VISIT);
         }
     }
 
     /**
-     * Lists the ranges that share at least one byte with a range, whole and in order.
+     * Visits the ranges that share at least one byte with a range, holes among them, whole and in
+     * order, until the visitor answers false.
+     *
+     * @param <E> what the visitor throws
+     * @param offset the first byte
+     * @param len the length in bytes, more than 0
+     * @param visitor takes them
+     * @return whether all were visited and the visitor answered true to each
+     * @throws E if the visitor does
+     * @throws IllegalArgumentException if the range is empty or leaves the 64 bits of an offset
+     * @throws IllegalStateException if the map is closed
+     */
+    public <E extends Exception> boolean forEachWhile(
+            long offset, long len, StoppableVisitor<E> visitor) throws E {
+        Arguments.range("forEachWhile", offset, len);
+        Arguments.notNull("forEachWhile", "visitor", visitor);
+        Visited visited = new Visited();
+        guard.enter("forEachWhile", Access.VISIT);
+        try {
+            long[] run = MapSearch.run(nativeMap.handle(), offset, len);
+            boolean goesOn = true;
+            for (long node = run[0]; goesOn && node != run[1]; node = NodeReader.next(node)) {
+                goesOn = visit(node, visitor, visited);
+            }
+            return goesOn;
+        } finally {
+            visited.moveTo(0);
+            guard.leave(Access.VISIT);
+        }
+    }
+
+    /**
+     * Visits as {@link #forEachWhile}, from the last range to the first. Notes the ranges found
+     * first, with 8 bytes of heap for each, since ranges know their successors only.
+     *
+     * @param <E> what the visitor throws
+     * @param offset the first byte
+     * @param len the length in bytes, more than 0
+     * @param visitor takes the ranges
+     * @return whether all were visited and the visitor answered true to each
+     * @throws E if the visitor does
+     * @throws IllegalArgumentException if the range is empty or leaves the 64 bits of an offset
+     * @throws IllegalStateException if the map is closed
+     */
+    public <E extends Exception> boolean forEachDescending(
+            long offset, long len, StoppableVisitor<E> visitor) throws E {
+        Arguments.range("forEachDescending", offset, len);
+        Arguments.notNull("forEachDescending", "visitor", visitor);
+        Visited visited = new Visited();
+        guard.enter("forEachDescending", Access.VISIT);
+        try {
+            long[] nodes = MapSearch.nodes(MapSearch.run(nativeMap.handle(), offset, len));
+            boolean goesOn = true;
+            for (int i = nodes.length - 1; goesOn && i >= 0; i--) {
+                goesOn = visit(nodes[i], visitor, visited);
+            }
+            return goesOn;
+        } finally {
+            visited.moveTo(0);
+            guard.leave(Access.VISIT);
+        }
+    }
+
+    /**
+     * Fills a batch with the first ranges that share at least one byte with a range, holes among
+     * them, whole and in order: as many as there are, or as fit. To go on, read what follows
+     * {@link RangeBatch#end}.
+     *
+     * @param offset the first byte
+     * @param len the length in bytes, more than 0
+     * @param batch is filled anew; empty if nothing is found
+     * @return whether there are more ranges than fit
+     * @throws IllegalArgumentException if the range is empty or leaves the 64 bits of an offset
+     * @throws IllegalStateException if the map is closed
+     */
+    public boolean read(long offset, long len, RangeBatch batch) {
+        Arguments.range("read", offset, len);
+        Arguments.notNull("read", "batch", batch);
+        guard.enter("read", Access.QUERY);
+        try {
+            return batch.fill(MapSearch.run(nativeMap.handle(), offset, len));
+        } finally {
+            guard.leave(Access.QUERY);
+        }
+    }
+
+    // --- Queries ---------------------------------------------------------------------------------
+
+    /**
+     * Lists the stored ranges that share at least one byte with a range, whole and in order.
      *
      * @param offset the first byte
      * @param len the length in bytes, more than 0
@@ -455,165 +718,277 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * @throws IllegalArgumentException if the range is empty or leaves the 64 bits of an offset
      * @throws IllegalStateException if the map is closed
      */
-    public List<MappedRange> ranges(long offset, int len) {
+    public List<MappedRange> ranges(long offset, long len) {
         Arguments.range("ranges", offset, len);
         List<MappedRange> found = new ArrayList<>();
-        beginQuery("ranges");
+        guard.enter("ranges", Access.QUERY);
         try {
-            long[] run = JniSkipListNative.getNodes(handle, offset, len);
-            for (long node = run[0]; node != run[1]; node = JniSkipListNative.nextNode(node)) {
-                found.add(MappedRange.read(node));
+            long[] run = MapSearch.run(nativeMap.handle(), offset, len);
+            for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+                if (!NodeReader.isHole(node)) {
+                    found.add(NodeReader.range(node));
+                }
             }
         } finally {
-            endQuery();
+            guard.leave(Access.QUERY);
         }
         return List.copyOf(found);
     }
 
     /**
-     * Finds the last range that starts at or before a position. One query if that range contains
-     * the position, otherwise up to 64 more that narrow down where it ends.
+     * Finds where a byte lies and how far the stored range goes on from there, with one query.
      *
      * @param position any position
-     * @return the range, or nothing if all ranges start after {@code position}
+     * @return the rest of the stored range that contains the position: starts there, with the
+     *     location of that byte, and ends where the range does; or nothing if the byte is not
+     *     stored
+     * @throws IllegalStateException if the map is closed
+     */
+    public Optional<MappedRange> get(long position) {
+        guard.enter("get", Access.QUERY);
+        try {
+            long node = containing(position);
+            if (node == 0) {
+                return Optional.empty();
+            }
+            FileLocation there = NodeReader.location(node)
+                    .plus(position - NodeReader.offset(node), sectorSize);
+            return Optional.of(new MappedRange(position, (int) (NodeReader.end(node) - position),
+                    NodeReader.isMemoryType(node), there));
+        } finally {
+            guard.leave(Access.QUERY);
+        }
+    }
+
+    /**
+     * Takes a reference to the bytes from a position to the end of the stored range that contains
+     * it; it outlives the map.
+     *
+     * @param position any position
+     * @return a buffer whose readable bytes are these, for the caller to release; or null if the
+     *     byte is not stored or its range holds no buffer
+     * @throws io.netty.util.IllegalReferenceCountException if somebody has released the map's own
+     *     slice
+     * @throws IllegalStateException if the map is closed
+     */
+    public ByteBuf retainedBuffer(long position) {
+        guard.enter("retainedBuffer", Access.VISIT);
+        try {
+            long node = containing(position);
+            ByteBuf held = node == 0 ? null : NodeReader.buffer(node);
+            if (held == null) {
+                return null;
+            }
+            NodeReader.requireHeld(node, held);
+            int skip = (int) (position - NodeReader.offset(node));
+            return held.retainedSlice(held.readerIndex() + skip, NodeReader.len(node) - skip);
+        } finally {
+            guard.leave(Access.VISIT);
+        }
+    }
+
+    /**
+     * Finds the last stored range that starts at or before a position. One query if that range
+     * contains the position, otherwise up to 64 more that narrow down where it ends; the same again
+     * for a hole in between.
+     *
+     * @param position any position
+     * @return the range, or nothing if all stored ranges start after {@code position}
      * @throws IllegalStateException if the map is closed
      */
     public Optional<MappedRange> floor(long position) {
-        // The end mark starts at the last position of all.
-        long start = Math.min(position, Long.MAX_VALUE - 1);
-        beginQuery("floor");
+        guard.enter("floor", Access.QUERY);
         try {
-            long node = firstEndingAfter(start);
-            return found(JniSkipListNative.getNodeIndexOffset(node) <= start
-                    ? node : lastBefore(node, start));
+            return storedUpTo(MapSearch.floor(nativeMap.handle(), position));
         } finally {
-            endQuery();
+            guard.leave(Access.QUERY);
         }
     }
 
     /**
-     * Finds the first range that starts at or after a position, with one query.
+     * Finds the last stored range that starts before a position, at the cost of {@link #floor}.
      *
      * @param position any position
-     * @return the range, or nothing if all ranges start before {@code position}
+     * @return the range, or nothing if no stored range starts before {@code position}
+     * @throws IllegalStateException if the map is closed
+     */
+    public Optional<MappedRange> lower(long position) {
+        guard.enter("lower", Access.QUERY);
+        try {
+            // No range starts at the first position of all.
+            long last = Math.max(position, Long.MIN_VALUE + 1) - 1;
+            return storedUpTo(MapSearch.floor(nativeMap.handle(), last));
+        } finally {
+            guard.leave(Access.QUERY);
+        }
+    }
+
+    /**
+     * Finds the first stored range that starts at or after a position, with one query.
+     *
+     * @param position any position
+     * @return the range, or nothing if all stored ranges start before {@code position}
      * @throws IllegalStateException if the map is closed
      */
     public Optional<MappedRange> ceiling(long position) {
-        beginQuery("ceiling");
+        guard.enter("ceiling", Access.QUERY);
         try {
-            long node = firstEndingAfter(position);
-            return found(JniSkipListNative.getNodeIndexOffset(node) >= position
-                    ? node : JniSkipListNative.nextNode(node));
+            return storedFrom(MapSearch.ceiling(nativeMap.handle(), position));
         } finally {
-            endQuery();
+            guard.leave(Access.QUERY);
         }
     }
 
     /**
-     * Finds the first range, with one query.
+     * Finds the first stored range that starts after a position, with one query.
      *
-     * @return the range, or nothing if the map is empty
+     * @param position any position
+     * @return the range, or nothing if no stored range starts after {@code position}
+     * @throws IllegalStateException if the map is closed
+     */
+    public Optional<MappedRange> higher(long position) {
+        guard.enter("higher", Access.QUERY);
+        try {
+            // No range starts at the last position of all.
+            long first = Math.min(position, Long.MAX_VALUE - 1) + 1;
+            return storedFrom(MapSearch.ceiling(nativeMap.handle(), first));
+        } finally {
+            guard.leave(Access.QUERY);
+        }
+    }
+
+    /**
+     * Finds the first stored range, with one query.
+     *
+     * @return the range, or nothing if no range is stored
      * @throws IllegalStateException if the map is closed
      */
     public Optional<MappedRange> first() {
-        beginQuery("first");
+        guard.enter("first", Access.QUERY);
         try {
-            return found(JniSkipListNative.getAllNodes(handle)[0]);
+            return storedFrom(MapSearch.runOverAll(nativeMap.handle())[0]);
         } finally {
-            endQuery();
+            guard.leave(Access.QUERY);
         }
     }
 
     /**
-     * Finds the last range, with up to 64 queries.
+     * Finds the last stored range, at the cost of {@link #floor}.
      *
-     * @return the range, or nothing if the map is empty
+     * @return the range, or nothing if no range is stored
      * @throws IllegalStateException if the map is closed
      */
     public Optional<MappedRange> last() {
-        beginQuery("last");
+        guard.enter("last", Access.QUERY);
         try {
-            return found(lastBefore(JniSkipListNative.getAllNodes(handle)[1], Long.MAX_VALUE));
+            return storedUpTo(MapSearch.floor(nativeMap.handle(), Long.MAX_VALUE));
         } finally {
-            endQuery();
+            guard.leave(Access.QUERY);
         }
     }
 
     /**
-     * Reads the number of stored ranges.
+     * Tells whether no range is stored. A map may have holes and be empty.
+     *
+     * @return whether it is so
+     * @throws IllegalStateException if the map is closed
+     */
+    public boolean isEmpty() {
+        return first().isEmpty();
+    }
+
+    /**
+     * Reads the number of ranges, holes among them.
      *
      * @return the number of ranges
      * @throws IllegalStateException if the map is closed
      */
     public int size() {
-        beginQuery("size");
+        guard.enter("size", Access.QUERY);
         try {
-            return JniSkipListNative.getSkipListSize(handle);
+            return JniSkipListNative.getSkipListSize(nativeMap.handle());
         } finally {
-            endQuery();
+            guard.leave(Access.QUERY);
         }
     }
 
     /**
-     * Reads how many bytes are covered, as counted by the inserts: without the gaps between stored
-     * ranges that an insert closed which reached beyond one side of them only.
+     * Reads how many bytes are covered, holes among them, as counted by the inserts: without the
+     * gaps between stored ranges that an insert closed which reached beyond one side of them only.
+     * {@link #statistics} has the exact number.
      *
      * @return the number of bytes
      * @throws IllegalStateException if the map is closed
      */
     public long coveredBytes() {
-        beginQuery("coveredBytes");
+        guard.enter("coveredBytes", Access.QUERY);
         try {
-            return JniSkipListNative.getSkipListValidLen(handle);
+            return JniSkipListNative.getSkipListValidLen(nativeMap.handle());
         } finally {
-            endQuery();
+            guard.leave(Access.QUERY);
         }
     }
 
     /**
-     * Reads how many bytes were ever inserted, redirected or copied into the map.
+     * Reads how many bytes were ever inserted, redirected or copied into the map, or made holes.
      *
      * @return the number of bytes
      * @throws IllegalStateException if the map is closed
      */
     public long insertedBytes() {
-        beginQuery("insertedBytes");
+        guard.enter("insertedBytes", Access.QUERY);
         try {
-            return JniSkipListNative.getSkipLIstRawLen(handle);
+            return JniSkipListNative.getSkipLIstRawLen(nativeMap.handle());
         } finally {
-            endQuery();
+            guard.leave(Access.QUERY);
         }
     }
 
     /**
-     * Reads how many ranges were ever inserted, redirected or copied into the map. Wraps at 2^31.
+     * Reads how many ranges were ever inserted, redirected or copied into the map, or made holes.
+     * Wraps at 2^31.
      *
      * @return the number of inserts
      * @throws IllegalStateException if the map is closed
      */
     public int insertCount() {
-        beginQuery("insertCount");
+        guard.enter("insertCount", Access.QUERY);
         try {
-            return JniSkipListNative.getSkipListRawCount(handle);
+            return JniSkipListNative.getSkipListRawCount(nativeMap.handle());
         } finally {
-            endQuery();
+            guard.leave(Access.QUERY);
+        }
+    }
+
+    /**
+     * Walks the whole map and counts what it holds.
+     *
+     * @return the counts as of this call
+     * @throws IllegalStateException if the map is closed
+     */
+    public MapStatistics statistics() {
+        guard.enter("statistics", Access.QUERY);
+        try {
+            return MapStatistics.count(nativeMap.handle());
+        } finally {
+            guard.leave(Access.QUERY);
         }
     }
 
     /**
      * Walks the whole map and compares: ranges are not empty, in order and disjoint; their number
      * is {@link #size}; {@link #coveredBytes} is not more than the sum of their lengths; each
-     * buffer has the bytes of its range.
+     * buffer has the bytes of its range and has not been released.
      *
      * @throws AssertionError if something does not hold, with the numbers for a report
      * @throws IllegalStateException if the map is closed
      */
     public void checkInvariants() {
-        beginQuery("checkInvariants");
+        guard.enter("checkInvariants", Access.VISIT);
         try {
-            InvariantCheck.run(handle);
+            InvariantCheck.run(nativeMap.handle());
         } finally {
-            endQuery();
+            guard.leave(Access.VISIT);
         }
     }
 
@@ -631,12 +1006,12 @@ public final class OffHeapRangeMap implements AutoCloseable {
     public void save(WritableByteChannel channel, BufferedRanges buffered) throws IOException {
         Arguments.notNull("save", "channel", channel);
         Arguments.notNull("save", "buffered", buffered);
-        MapFileWriter writer = new MapFileWriter(height, sectorSize);
-        beginQuery("save");
+        MapFileWriter writer = new MapFileWriter(nativeMap.height(), sectorSize, aligned);
+        guard.enter("save", Access.QUERY);
         try {
-            writer.encode(handle, buffered);
+            writer.encode(nativeMap.handle(), buffered);
         } finally {
-            endQuery();
+            guard.leave(Access.QUERY);
         }
         writer.writeTo(channel);
     }
@@ -660,7 +1035,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * @return whether it is
      */
     public boolean isClosed() {
-        return nativeMap.isClosed();
+        return guard.isClosed();
     }
 
     // --- End -------------------------------------------------------------------------------------
@@ -676,17 +1051,13 @@ public final class OffHeapRangeMap implements AutoCloseable {
      */
     @Override
     public void close() {
-        lock.lock();
-        try {
-            if (closedBy == null) {
-                requireChangeable("close");
-                closedBy = Thread.currentThread().getName();
+        if (guard.enterToClose()) {
+            try {
                 nativeMap.markClosed();
                 cleanable.clean();
+            } finally {
+                guard.leave(Access.ALL);
             }
-        } finally {
-            lock.unlock();
-            Reference.reachabilityFence(this);
         }
     }
 
@@ -696,55 +1067,48 @@ public final class OffHeapRangeMap implements AutoCloseable {
         return "OffHeapRangeMap#" + id;
     }
 
-    private void beginChange(String operation) {
-        lock.lock();
-        try {
-            requireChangeable(operation);
-        } catch (RuntimeException e) {
-            lock.unlock();
-            throw e;
+    // --- Before a change -------------------------------------------------------------------------
+
+    private void checkInsert(String operation, long offset, int len, FileLocation location) {
+        Arguments.range(operation, offset, len);
+        Arguments.notNull(operation, "location", location);
+        checkAligned(operation, offset, len);
+    }
+
+    private void checkBuffer(String operation, int len, FileLocation location, ByteBuf buffer) {
+        if (location.isUnversioned()) {
+            throw Arguments.illegal(operation, "location: " + location + " with a buffer",
+                    "a version other than -1, or no buffer");
         }
-        changing = true;
+        Arguments.bytes(operation, buffer, len);
+        buffer.touch(this);
     }
 
-    private void endChange() {
-        changing = false;
-        lock.unlock();
-        Reference.reachabilityFence(this);
+    private void checkRedirect(String operation, long offset, int len, FileLocation expected,
+            FileLocation replacement) {
+        Arguments.range(operation, offset, len);
+        Arguments.notNull(operation, "expected", expected);
+        Arguments.notNull(operation, "replacement", replacement);
+        checkAligned(operation, offset, len);
     }
 
-    private void beginQuery(String operation) {
-        lock.lock();
-        try {
-            requireReadable(operation);
-        } catch (RuntimeException e) {
-            lock.unlock();
-            throw e;
-        }
-    }
-
-    private void endQuery() {
-        lock.unlock();
-        Reference.reachabilityFence(this);
-    }
-
-    private void requireReadable(String operation) {
-        if (closedBy != null) {
-            throw new IllegalStateException(operation + ": " + this
-                    + ": closed by thread " + closedBy + " (expected: open)");
-        }
-        // A buffer's own code is running inside a native call, with the map half changed.
-        if (changing) {
-            throw new ConcurrentModificationException(operation + ": " + this
-                    + ": called back while it is being changed (expected: after the change)");
+    private void checkAligned(String operation, long offset, long len) {
+        if (aligned) {
+            Arguments.aligned(operation, offset, len, sectorSize);
         }
     }
 
-    private void requireChangeable(String operation) {
-        requireReadable(operation);
-        if (walks > 0) {
-            throw new ConcurrentModificationException(operation + ": " + this
-                    + ": called while it is being visited (expected: after the visit)");
+    private void checkDestination(OffHeapRangeMap destination) {
+        if (destination == this) {
+            throw Arguments.illegal("copyTo", "destination: " + this, "another map");
+        }
+        if (destination.sectorSize != sectorSize) {
+            throw Arguments.illegal("copyTo", "destination: " + destination
+                    + " with sectors of " + destination.sectorSize, "of " + sectorSize);
+        }
+        if (destination.aligned && !aligned) {
+            throw Arguments.illegal("copyTo", "destination: " + destination
+                    + ", which takes whole sectors only", "one made by createUnaligned");
         }
     }
 
@@ -752,32 +1116,125 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * Stores a range behind all others of a map that no other thread knows yet. Such a range covers
      * no end of another, so that no look at what it continues is needed.
      */
-    void append(long offset, int len, byte number, int place, int majorVer, int minorVer) {
-        fusions.noteInserts(offset, len,
-                new FileLocation(Byte.toUnsignedInt(number), place, majorVer, minorVer));
-        JniSkipListNative.insert(handle, offset, len, place, majorVer, minorVer, number);
+    void append(long offset, int len, FileLocation at) {
+        guard.enter("load", Access.CHANGE);
+        try {
+            fusions.noteInserts(offset, len, at);
+            insertNative(offset, len, at);
+        } finally {
+            guard.leave(Access.CHANGE);
+        }
+    }
+
+    // --- Inside the guard ------------------------------------------------------------------------
+
+    private void insertJoined(String operation, long offset, int len, FileLocation location) {
+        if (fusions.noteInserts(offset, len, location)) {
+            fusions.check(operation, nativeMap.handle(), offset, len, location);
+        }
+        insertNative(offset, len, location);
     }
 
     private void insertNative(long offset, int len, FileLocation at) {
-        JniSkipListNative.insert(handle, offset, len, at.offset(), at.majorVer(), at.minorVer(),
-                (byte) at.number());
+        try {
+            JniSkipListNative.insert(nativeMap.handle(), offset, len, at.offset(), at.majorVer(),
+                    at.minorVer(), (byte) at.number());
+        } catch (RuntimeException e) {
+            throw explained(e, null, offset, len);
+        }
+    }
+
+    private void insertBuffer(long offset, int len, FileLocation at, ByteBuf buffer) {
+        fusions.noteCut(offset, len);
+        if (handed == null) {
+            handed = new HandedBuffer();
+        }
+        handed.of(buffer, len);
+        try {
+            insertNative(offset, len, at, handed);
+        } catch (RuntimeException e) {
+            throw explained(e, handed.thrown(), offset, len);
+        } finally {
+            handed.forget();
+        }
     }
 
     private void insertNative(long offset, int len, FileLocation at, ByteBuf buffer) {
-        JniSkipListNative.insertWithBuff(handle, offset, len, at.offset(), at.majorVer(),
-                at.minorVer(), (byte) at.number(), buffer);
+        JniSkipListNative.insertWithBuff(nativeMap.handle(), offset, len, at.offset(),
+                at.majorVer(), at.minorVer(), (byte) at.number(), buffer);
+    }
+
+    private RuntimeException explained(
+            RuntimeException failure, Throwable ofCaller, long offset, int len) {
+        return StoredSlices.explain(
+                failure, ofCaller, MapSearch.run(nativeMap.handle(), offset, len));
+    }
+
+    /** Adds the pieces of a range that are stored. */
+    private void findStored(List<MappedRange> pieces, long offset, int len) {
+        long end = offset + len;
+        long[] run = MapSearch.run(nativeMap.handle(), offset, len);
+        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+            if (!NodeReader.isHole(node)) {
+                long from = Math.max(offset, NodeReader.offset(node));
+                long to = Math.min(end, NodeReader.end(node));
+                pieces.add(new MappedRange(from, (int) (to - from), NodeReader.isMemoryType(node),
+                        NodeReader.location(node)
+                                .plus(from - NodeReader.offset(node), sectorSize)));
+            }
+        }
+    }
+
+    /** Makes holes, each as long as can be said, of what is stored before an end. */
+    private long punchAll(long offset, long end) {
+        long most = LONGEST / sectorSize * sectorSize;
+        long removed = 0;
+        long from = offset;
+        while (from < end) {
+            long node = MapSearch.firstEndingAfter(nativeMap.handle(), from);
+            long start = Math.max(from, NodeReader.offset(MapSearch.storedFrom(node)));
+            if (start >= end) {
+                break;
+            }
+            long len = Math.min(most, end - start);
+            removed += punch(start, len);
+            from = start + len;
+        }
+        return removed;
+    }
+
+    /** Makes one hole of what is stored in a range, and of the holes next to it. */
+    private long punch(long offset, long len) {
+        HolePlan plan = HolePlan.of(nativeMap.handle(), offset, len);
+        if (plan.removed() > 0) {
+            // Covers whole holes only, and so joins none that it would make too long.
+            fusions.noteInserts(plan.start(), plan.len(), FileLocation.EMPTY);
+            insertNative(plan.start(), plan.len(), FileLocation.EMPTY);
+        }
+        return plan.removed();
+    }
+
+    private boolean redirectJoined(String operation, long offset, int len, FileLocation expected,
+            FileLocation replacement) {
+        if (fusions.noteInserts(offset, len, replacement)) {
+            return redirectChecked(operation, offset, len, expected, replacement);
+        }
+        return JniSkipListNative.compareAndSet(nativeMap.handle(), offset, len,
+                expected.offset(), expected.majorVer(), expected.minorVer(),
+                (byte) expected.number(), replacement.offset(), replacement.majorVer(),
+                replacement.minorVer(), (byte) replacement.number());
     }
 
     /** As the native compareAndSet, with a look at what each part is joined to. */
-    private boolean compareAndSetChecked(
-            long offset, int len, FileLocation expected, FileLocation replacement) {
+    private boolean redirectChecked(String operation, long offset, int len, FileLocation expected,
+            FileLocation replacement) {
         long end = offset + len;
         MappedRange request = new MappedRange(offset, len, false, expected);
-        long[] run = JniSkipListNative.getNodes(handle, offset, len);
+        long[] run = MapSearch.run(nativeMap.handle(), offset, len);
         // All parts are found before the first insert changes what is there.
         List<MappedRange> parts = new ArrayList<>();
-        for (long node = run[0]; node != run[1]; node = JniSkipListNative.nextNode(node)) {
-            MappedRange range = MappedRange.read(node);
+        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+            MappedRange range = NodeReader.range(node);
             if (fusions.isConnected(range, request)) {
                 long from = Math.max(range.offset(), offset);
                 long to = Math.min(range.end(), end);
@@ -786,95 +1243,86 @@ public final class OffHeapRangeMap implements AutoCloseable {
             }
         }
         for (MappedRange part : parts) {
-            fusions.check("compareAndSet", part.offset(), part.len(), part.location());
+            fusions.check(operation, nativeMap.handle(), part.offset(), part.len(),
+                    part.location());
             insertNative(part.offset(), part.len(), part.location());
         }
         return !parts.isEmpty();
     }
 
-    private void copyLocked(OffHeapRangeMap destination) {
-        if (destination.fusions.noteCopy(fusions)) {
-            copyChecked(destination);
-            return;
+    private long releaseNative(long offset, int len, FileLocation expected) {
+        return JniSkipListNative.compareAndRelease(nativeMap.handle(), offset, len,
+                expected.offset(), expected.majorVer(), expected.minorVer(),
+                (byte) expected.number());
+    }
+
+    private void copyInside(OffHeapRangeMap destination) {
+        try {
+            if (destination.fusions.noteCopy(fusions)) {
+                copyChecked(destination);
+                return;
+            }
+            // Matches nothing. Makes both maps call back on this thread, as the copy does not.
+            releaseNative(0, 0, FileLocation.EMPTY);
+            destination.releaseNative(0, 0, FileLocation.EMPTY);
+            JniSkipListNative.copySkipList(nativeMap.handle(), destination.nativeMap.handle());
+        } catch (RuntimeException e) {
+            throw StoredSlices.explain(e, null, MapSearch.runOverAll(nativeMap.handle()));
         }
-        // Matches nothing. Makes both maps call back on this thread, as the copy itself does not.
-        JniSkipListNative.compareAndRelease(handle, 0, 0, 0, 0, 0, (byte) 0);
-        JniSkipListNative.compareAndRelease(destination.handle, 0, 0, 0, 0, 0, (byte) 0);
-        JniSkipListNative.copySkipList(handle, destination.handle);
     }
 
     /** As the native copy, with a look at what each range is joined to. */
     private void copyChecked(OffHeapRangeMap destination) {
-        long[] run = JniSkipListNative.getAllNodes(handle);
-        for (long node = run[0]; node != run[1]; node = JniSkipListNative.nextNode(node)) {
-            MappedRange range = MappedRange.read(node);
+        long[] run = MapSearch.runOverAll(nativeMap.handle());
+        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+            MappedRange range = NodeReader.range(node);
             if (range.memoryType()) {
                 destination.insertNative(range.offset(), range.len(), range.location(),
-                        JniSkipListNative.getNodeFileBuff(node));
+                        NodeReader.buffer(node));
             } else {
-                destination.fusions.check(
-                        "copyTo", range.offset(), range.len(), range.location());
+                destination.fusions.check("copyTo", destination.nativeMap.handle(),
+                        range.offset(), range.len(), range.location());
                 destination.insertNative(range.offset(), range.len(), range.location());
             }
         }
     }
 
-    private void walk(long[] run, Visitor visitor) {
-        Visited visited = new Visited();
-        walks++;
-        try {
-            for (long node = run[0]; node != run[1]; node = JniSkipListNative.nextNode(node)) {
-                visited.node = node;
-                visitor.visit(
-                        JniSkipListNative.getNodeIndexOffset(node),
-                        JniSkipListNative.getNodeIndexLen(node),
-                        Byte.toUnsignedInt(JniSkipListNative.getNodeFileNumber(node)),
-                        JniSkipListNative.getNodeFileOffset(node),
-                        JniSkipListNative.getNodeFileMajorVer(node),
-                        JniSkipListNative.getNodeFileMinorVer(node),
-                        visited);
-            }
-        } finally {
-            visited.node = 0;
-            walks--;
+    private static void walk(long[] run, Visitor visitor, Visited visited) {
+        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+            visited.moveTo(node);
+            visitor.visit(NodeReader.offset(node), NodeReader.len(node),
+                    NodeReader.fileNumber(node), NodeReader.fileOffset(node),
+                    NodeReader.majorVer(node), NodeReader.minorVer(node), visited);
         }
     }
 
-    /** Gives the first range that ends after a position, which may be the end mark. */
-    private long firstEndingAfter(long position) {
-        return JniSkipListNative.getNodes(handle, position, 0)[0];
+    private static <E extends Exception> boolean visit(
+            long node, StoppableVisitor<E> visitor, Visited visited) throws E {
+        visited.moveTo(node);
+        return visitor.visit(NodeReader.offset(node), NodeReader.len(node),
+                NodeReader.fileNumber(node), NodeReader.fileOffset(node),
+                NodeReader.majorVer(node), NodeReader.minorVer(node), visited);
     }
 
-    /**
-     * Gives the range before a node that starts after a position or is the end mark, or that end
-     * mark. Halves the stretch in which the range ends until it is followed by the node.
-     */
-    private long lastBefore(long node, long position) {
-        long[] all = JniSkipListNative.getAllNodes(handle);
-        if (all[0] == node) {
-            return all[1];
-        }
-        // The range found at `low` is always before the node, that at `high` is the node.
-        long candidate = all[0];
-        long low = JniSkipListNative.getNodeIndexOffset(candidate);
-        long high = position;
-        while (JniSkipListNative.nextNode(candidate) != node) {
-            long middle = low + (high - low >>> 1);
-            long there = firstEndingAfter(middle);
-            if (there == node) {
-                high = middle;
-            } else {
-                candidate = there;
-                low = middle;
-            }
-        }
-        return candidate;
+    /** Gives the stored range that contains a position, or 0. */
+    private long containing(long position) {
+        long node = MapSearch.firstEndingAfter(nativeMap.handle(), position);
+        boolean stored = NodeReader.offset(node) <= position && !NodeReader.isEndMark(node)
+                && !NodeReader.isHole(node);
+        return stored ? node : 0;
     }
 
-    /** Reads a range; the end mark, the only one of length 0, is none. */
+    private Optional<MappedRange> storedUpTo(long node) {
+        return found(MapSearch.storedUpTo(nativeMap.handle(), node));
+    }
+
+    private static Optional<MappedRange> storedFrom(long node) {
+        return found(MapSearch.storedFrom(node));
+    }
+
     private static Optional<MappedRange> found(long node) {
-        return JniSkipListNative.getNodeIndexLen(node) == 0
+        return NodeReader.isEndMark(node)
                 ? Optional.empty()
-                : Optional.of(MappedRange.read(node));
+                : Optional.of(NodeReader.range(node));
     }
 }

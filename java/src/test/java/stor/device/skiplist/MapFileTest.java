@@ -156,7 +156,7 @@ class MapFileTest {
     }
 
     private OffHeapRangeMap randomMap(int size) {
-        OffHeapRangeMap map = OffHeapRangeMap.create(1 + random.nextInt(12), SECTOR);
+        OffHeapRangeMap map = OffHeapRangeMap.createUnaligned(1 + random.nextInt(12), SECTOR);
         for (int i = 0; i < size; i++) {
             FileLocation location = random.nextInt(8) == 0 ? FileLocation.EMPTY
                     : new FileLocation(random.nextInt(256), random.nextInt(), random.nextInt(3),

@@ -138,7 +138,7 @@ class MapThreadsTest {
 
     private static int visitAnUnreachableMap(boolean collect) {
         int[] visits = new int[1];
-        OffHeapRangeMap.Visitor visitor = (o, l, n, f, major, minor, range) -> {
+        Visitor visitor = (o, l, n, f, major, minor, range) -> {
             if (collect) {
                 System.gc();
                 // Time for the cleaner, had it a map to free.

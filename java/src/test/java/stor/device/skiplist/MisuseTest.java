@@ -23,9 +23,10 @@ import org.junit.jupiter.params.provider.MethodSource;
 @ExtendWith(LeakHunt.class)
 class MisuseTest {
     private static final int LENGTH = 4096;
-    private static final int MOST = Integer.MAX_VALUE;
+    // The most bytes in whole sectors that a length can say.
+    private static final int MOST = Integer.MAX_VALUE / LENGTH * LENGTH;
     private static final FileLocation AT = new FileLocation(3, 0, 1, 0);
-    private static final OffHeapRangeMap.Visitor IGNORE = (o, l, n, f, major, minor, range) -> { };
+    private static final Visitor IGNORE = (o, l, n, f, major, minor, range) -> { };
     // A reference count of 1 that no test changes: such buffers need no release.
     private static final ByteBuf BUFFER =
             Unpooled.unreleasableBuffer(Unpooled.wrappedBuffer(new byte[LENGTH]));
@@ -136,13 +137,13 @@ class MisuseTest {
                         + "minorVer=-1] with a buffer (expected: a version other than -1, or no "
                         + "buffer)",
                         map -> map.insert(0, LENGTH, new FileLocation(0, 5, -1, -1), BUFFER)),
-                illegal("insert: buffer: 4096 readable bytes (expected: >= 4097)",
-                        map -> map.insert(0, LENGTH + 1, AT, BUFFER)),
+                illegal("insert: buffer: 4096 readable bytes (expected: >= 8192)",
+                        map -> map.insert(0, 2 * LENGTH, AT, BUFFER)),
                 illegal("insert: buffer: reference count 0 (expected: >= 1)",
                         map -> map.insert(0, LENGTH, AT, released())),
-                illegal("insert: offset: 4096, len: 2147483647: continues stored ranges to "
-                        + "2147487743 bytes (expected: <= 2147483647)", map -> {
-                            map.insert(LENGTH + (long) MOST - 1, LENGTH + 1, FileLocation.EMPTY);
+                illegal("insert: offset: 4096, len: 2147479552: continues stored ranges to "
+                        + "2147483648 bytes (expected: <= 2147483647)", map -> {
+                            map.insert((long) MOST, 2 * LENGTH, FileLocation.EMPTY);
                             map.insert(LENGTH, MOST, FileLocation.EMPTY);
                         }),
                 illegal("copyTo: destination: MAP (expected: another map)",
@@ -231,7 +232,7 @@ class MisuseTest {
 
     /** What a visitor does with a range. */
     private interface Use {
-        void of(OffHeapRangeMap.Visited range) throws Exception;
+        void of(Visited range) throws Exception;
     }
 
     private static void visit(OffHeapRangeMap map, Use use) {
@@ -246,8 +247,8 @@ class MisuseTest {
         });
     }
 
-    private static OffHeapRangeMap.Visited keep(OffHeapRangeMap map) {
-        List<OffHeapRangeMap.Visited> kept = new ArrayList<>();
+    private static Visited keep(OffHeapRangeMap map) {
+        List<Visited> kept = new ArrayList<>();
         visit(map, kept::add);
         return kept.get(0);
     }

@@ -24,7 +24,7 @@ class OffHeapRangeMapTest {
     private static final int SECTOR = 512;
     private static final FileLocation AT = new FileLocation(200, 0, 1, 0);
 
-    private final OffHeapRangeMap map = OffHeapRangeMap.create(12, SECTOR);
+    private final OffHeapRangeMap map = OffHeapRangeMap.createUnaligned(12, SECTOR);
 
     @AfterEach
     void checkAndClose() {
@@ -38,7 +38,7 @@ class OffHeapRangeMapTest {
             map.insert(2L * i * SECTOR, SECTOR, AT);
         }
         long[] sum = new long[1];
-        OffHeapRangeMap.Visitor visitor = (offset, len, number, fileOffset, major, minor, range) ->
+        Visitor visitor = (offset, len, number, fileOffset, major, minor, range) ->
                 sum[0] += offset + len + number + fileOffset + major + minor;
         map.forEach(visitor);
         ThreadMXBean thread = (ThreadMXBean) ManagementFactory.getThreadMXBean();
@@ -66,7 +66,7 @@ class OffHeapRangeMapTest {
     @Test
     void aRetainedBufferOutlivesItsMap() {
         List<ByteBuf> retained = new ArrayList<>();
-        try (OffHeapRangeMap shortLived = OffHeapRangeMap.create(1, SECTOR)) {
+        try (OffHeapRangeMap shortLived = OffHeapRangeMap.createUnaligned(1, SECTOR)) {
             ByteBuf buffer = PooledByteBufAllocator.DEFAULT.buffer().writeLong(42);
             shortLived.insert(0, Long.BYTES, AT, buffer);
             buffer.release();
@@ -81,7 +81,9 @@ class OffHeapRangeMapTest {
     void theRestOfACutEmptyRangeIsUnversionedButNotEmpty() {
         map.insert(0, 4 * SECTOR, FileLocation.EMPTY);
         map.insert(SECTOR, SECTOR, AT);
-        FileLocation rest = map.last().orElseThrow().location();
+        RangeBatch batch = new RangeBatch(3);
+        assertFalse(map.read(0, 4 * SECTOR, batch));
+        FileLocation rest = batch.range(2).location();
         assertEquals(new FileLocation(0, -1 + 2 * SECTOR + 16, -1, -1), rest);
         assertTrue(rest.isUnversioned());
         assertFalse(rest.isEmpty());
@@ -112,8 +114,8 @@ class OffHeapRangeMapTest {
         int many = 1_000_000;
         InThread.call(256 * 1024, () -> {
             // With more than one level, chains of ranges that hang on one another are short.
-            try (OffHeapRangeMap overwritten = OffHeapRangeMap.create(1, 1 << 30);
-                    OffHeapRangeMap closed = OffHeapRangeMap.create(1, 1 << 30)) {
+            try (OffHeapRangeMap overwritten = OffHeapRangeMap.createUnaligned(1, 1 << 30);
+                    OffHeapRangeMap closed = OffHeapRangeMap.createUnaligned(1, 1 << 30)) {
                 for (int i = many; i > 0; i--) {
                     FileLocation apart = new FileLocation(i % 2, 0, 1, 0);
                     overwritten.insert(8L * i, 8, apart);

@@ -1,0 +1,105 @@
+package stor.device.skiplist;
+
+import java.util.Arrays;
+
+/**
+ * Finds nodes of a map, by its native queries. The caller is inside the map's guard; what is found
+ * ends with the next change.
+ */
+final class MapSearch {
+    private MapSearch() {
+    }
+
+    /** Gives the first range that ends after a position, which may be the end mark. */
+    static long firstEndingAfter(long handle, long position) {
+        return JniSkipListNative.getNodes(handle, position, 0)[0];
+    }
+
+    /** Gives the first range that shares a byte with a range, and where a walk stops. */
+    static long[] run(long handle, long offset, long len) {
+        if (len <= Integer.MAX_VALUE) {
+            return JniSkipListNative.getNodes(handle, offset, (int) len);
+        }
+        long first = firstEndingAfter(handle, offset);
+        long stop = firstEndingAfter(handle, offset + len);
+        return new long[] {
+            first, NodeReader.offset(stop) < offset + len ? NodeReader.next(stop) : stop};
+    }
+
+    /** Gives the first range, and the end mark, where a walk stops. */
+    static long[] runOverAll(long handle) {
+        return JniSkipListNative.getAllNodes(handle);
+    }
+
+    /** Lists the nodes of a run. */
+    static long[] nodes(long[] run) {
+        long[] nodes = new long[16];
+        int count = 0;
+        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+            if (count == nodes.length) {
+                nodes = Arrays.copyOf(nodes, 2 * count);
+            }
+            nodes[count++] = node;
+        }
+        return Arrays.copyOf(nodes, count);
+    }
+
+    /**
+     * Gives the range before another or before the end mark; the end mark if there is none. Ranges
+     * know their successors only: halves the stretch in which the range ends until it is followed
+     * by the node, with up to 64 queries.
+     */
+    static long before(long handle, long node) {
+        long[] all = runOverAll(handle);
+        if (all[0] == node) {
+            return all[1];
+        }
+        // The range found at `low` is always before the node, that at `high` is the node.
+        long candidate = all[0];
+        long low = NodeReader.offset(candidate);
+        long high = NodeReader.offset(node);
+        while (NodeReader.next(candidate) != node) {
+            long middle = low + (high - low >>> 1);
+            long there = firstEndingAfter(handle, middle);
+            if (there == node) {
+                high = middle;
+            } else {
+                candidate = there;
+                low = middle;
+            }
+        }
+        return candidate;
+    }
+
+    /** Gives the first of a node and its successors that is no hole; may be the end mark. */
+    static long storedFrom(long node) {
+        long stored = node;
+        while (NodeReader.isHole(stored)) {
+            stored = NodeReader.next(stored);
+        }
+        return stored;
+    }
+
+    /** Gives the first of a node and its predecessors that is no hole; may be the end mark. */
+    static long storedUpTo(long handle, long node) {
+        long stored = node;
+        while (NodeReader.isHole(stored)) {
+            stored = before(handle, stored);
+        }
+        return stored;
+    }
+
+    /** Gives the last range that starts at or before a position, or the end mark. */
+    static long floor(long handle, long position) {
+        // The end mark starts at the last position of all.
+        long start = Math.min(position, Long.MAX_VALUE - 1);
+        long node = firstEndingAfter(handle, start);
+        return NodeReader.offset(node) <= start ? node : before(handle, node);
+    }
+
+    /** Gives the first range that starts at or after a position, or the end mark. */
+    static long ceiling(long handle, long position) {
+        long node = firstEndingAfter(handle, position);
+        return NodeReader.offset(node) >= position ? node : NodeReader.next(node);
+    }
+}
