@@ -9,6 +9,7 @@ import java.util.List;
 import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.JniSkipListNative;
 import stor.device.skiplist.OffHeapRangeMap;
+import stor.device.skiplist.Visitor;
 
 /**
  * Measures what a map costs more than its native methods: replays a recorded trace through both by

@@ -2,7 +2,7 @@ package stor.device.replay;
 
 import java.util.Arrays;
 import java.util.function.Consumer;
-import stor.device.skiplist.OffHeapRangeMap.Visitor;
+import stor.device.skiplist.Visitor;
 
 /**
  * The address space of a device as rows of cells, each of them one stretch of bytes. What was never

@@ -151,18 +151,15 @@ final class MapGuard {
     }
 
     private void begin(String operation, Access access) {
-        switch (access) {
-            case QUERY -> requireReadable(operation);
-            case VISIT -> {
-                requireReadable(operation);
-                visits++;
-            }
-            case CHANGE -> {
-                requireChangeable(operation);
-                sweepNowAndThen();
-                changing = true;
-            }
-            default -> requireChangeable(operation);
+        requireReadable(operation);
+        if (access == Access.CHANGE) {
+            requireUnvisited(operation);
+            sweepNowAndThen();
+            changing = true;
+        } else if (access == Access.VISIT) {
+            visits++;
+        } else if (access == Access.ALL) {
+            requireUnvisited(operation);
         }
     }
 
@@ -176,6 +173,10 @@ final class MapGuard {
 
     private void requireChangeable(String operation) {
         requireReadable(operation);
+        requireUnvisited(operation);
+    }
+
+    private void requireUnvisited(String operation) {
         if (visits > 0) {
             throw new ConcurrentModificationException(operation + ": " + map
                     + ": called while it is being visited (expected: after the visit)");

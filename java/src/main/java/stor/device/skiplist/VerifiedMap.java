@@ -36,7 +36,7 @@ interface VerifiedMap extends AutoCloseable {
     /** The safe layer. */
     record Layer(OffHeapRangeMap map) implements VerifiedMap {
         Layer(int height, int sectorSize) {
-            this(OffHeapRangeMap.create(height, sectorSize));
+            this(OffHeapRangeMap.createUnaligned(height, sectorSize));
         }
 
         @Override
@@ -80,7 +80,15 @@ interface VerifiedMap extends AutoCloseable {
 
         @Override
         public void forEach(long offset, int len, Reader reader) {
-            map.ranges(offset, len).forEach(range -> reader.read(range, null));
+            RangeBatch batch = new RangeBatch(2);
+            long end = offset + len;
+            boolean more = true;
+            for (long from = offset; more; from = batch.size() == 0 ? end : batch.end()) {
+                more = map.read(from, end - from, batch);
+                for (int i = 0; i < batch.size(); i++) {
+                    reader.read(batch.range(i), null);
+                }
+            }
         }
 
         @Override
@@ -169,7 +177,7 @@ interface VerifiedMap extends AutoCloseable {
         private static void walk(long[] run, Reader reader) {
             for (long node = run[0]; node != run[1]; node = JniSkipListNative.nextNode(node)) {
                 ByteBuf buffer = JniSkipListNative.getNodeFileBuff(node);
-                reader.read(MappedRange.read(node), buffer == null ? null : buffer.slice());
+                reader.read(NodeReader.range(node), buffer == null ? null : buffer.slice());
             }
         }
     }

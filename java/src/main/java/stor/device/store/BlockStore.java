@@ -13,6 +13,7 @@ import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.MappedRange;
 import stor.device.skiplist.NativeMemory;
 import stor.device.skiplist.OffHeapRangeMap;
+import stor.device.skiplist.Visitor;
 
 /**
  * One logical device over a folder of segment files, log-structured: nothing is overwritten in
@@ -324,7 +325,7 @@ public final class BlockStore implements AutoCloseable {
      *
      * @param visitor takes the ranges; may not call the store
      */
-    public void forEachStored(OffHeapRangeMap.Visitor visitor) {
+    public void forEachStored(Visitor visitor) {
         synchronized (index) {
             fileMap.map().forEach(visitor);
         }
