@@ -77,6 +77,19 @@ set(trace ${PROJECT_SOURCE_DIR}/data/sqlite-oltp.trace.gz)
 set(replay ${checks} stor.device.replay.TraceReplay)
 set(reports ${CMAKE_CURRENT_BINARY_DIR})
 add_java_test(java-replay RUNS ${replay} --report ${reports}/report.html ${trace})
+set_tests_properties(java-replay PROPERTIES FIXTURES_SETUP replay-report)
+if(NOT SKIPLIST_PRELOAD)
+  # What the report says follows from the trace, and fits the screens that people have.
+  set(scripts ${CMAKE_CURRENT_SOURCE_DIR}/src/test/scripts)
+  add_test(NAME java-report-figures COMMAND ${scripts}/recompute-report
+    ${Java_JAVA_EXECUTABLE} -jar $<TARGET_PROPERTY:skiplist-replay,JAR_FILE>
+    -- ${PROJECT_SOURCE_DIR}/data/formats/plain.trace ${trace})
+  add_test(NAME java-report-page COMMAND ${scripts}/look-at-report
+    ${reports}/report.html ${reports})
+  set_tests_properties(java-report-page PROPERTIES
+    FIXTURES_REQUIRED replay-report SKIP_RETURN_CODE 77)
+  set_tests_properties(java-report-figures java-report-page PROPERTIES LABELS java TIMEOUT 900)
+endif()
 add_java_test(java-replay-refused
   SAYS "inserts refused +[0-9,]*[0-9][0-9][0-9] " "[0-9,]*[0-9][0-9] more were killed"
   RUNS ${replay} --report ${reports}/refused.html --requests 25000
@@ -88,7 +101,6 @@ set_tests_properties(java-public-trace PROPERTIES LABELS java FIXTURES_SETUP pub
 add_java_test(java-replay-public SAYS " 25,000 requests:"
   RUNS ${replay} --report ${reports}/public.html --sector-size 4096 ${public_trace})
 set_tests_properties(java-replay-public PROPERTIES FIXTURES_REQUIRED public-trace)
-
 # Fails if the maps that are compared disagree; the times say nothing.
 add_java_test(java-benchmark RUNS stor.device.bench.RangeMapBenchmark
   --rounds 1 --ranges 2000 --gc-ranges 2000 ${trace})

@@ -11,6 +11,7 @@ import org.jfree.chart.StandardChartTheme;
 import org.jfree.chart.axis.LogAxis;
 import org.jfree.chart.axis.NumberAxis;
 import org.jfree.chart.axis.NumberTickUnit;
+import org.jfree.chart.axis.TickUnits;
 import org.jfree.chart.block.BlockBorder;
 import org.jfree.chart.plot.CategoryPlot;
 import org.jfree.chart.plot.Plot;
@@ -51,6 +52,9 @@ final class Charts {
         NumberAxis axis = (NumberAxis) plot.getRangeAxis();
         axis.setAutoRangeIncludesZero(true);
         axis.setNumberFormatOverride(ShortNumbers.format(bytes));
+        if (bytes) {
+            axis.setStandardTickUnits(powersOfTwo());
+        }
         for (int i = 0; i < values.getSeriesCount(); i++) {
             plot.getRenderer().setSeriesPaint(i, series(i));
             plot.getRenderer().setSeriesStroke(i, new BasicStroke(1.5f));
@@ -104,6 +108,14 @@ final class Charts {
         return svg.append("</svg>").toString();
     }
 
+    private static TickUnits powersOfTwo() {
+        TickUnits units = new TickUnits();
+        for (int power = 0; power < Long.SIZE - 1; power++) {
+            units.add(new NumberTickUnit(1L << power, ShortNumbers.format(true)));
+        }
+        return units;
+    }
+
     private static Color series(int i) {
         return new Color(0x030303 + 0x010101 * (i % MAX_SERIES));
     }
@@ -126,6 +138,8 @@ final class Charts {
 
     private String draw(JFreeChart chart, Plot plot) {
         chart.setBackgroundPaint(null);
+        // For the labels at the ends of the axes.
+        chart.setPadding(new RectangleInsets(8, 2, 2, 8));
         plot.setOutlineVisible(false);
         if (chart.getLegend() != null) {
             chart.getLegend().setFrame(BlockBorder.NONE);

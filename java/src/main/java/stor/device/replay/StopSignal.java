@@ -57,6 +57,7 @@ class StopSignal implements AutoCloseable {
 
     private void stop() {
         requested = true;
+        System.err.println("replay: stopping");
         try {
             if (!done.await(PATIENCE_SECONDS, TimeUnit.SECONDS)) {
                 System.err.println("replay: did not stop in " + PATIENCE_SECONDS + " s");
