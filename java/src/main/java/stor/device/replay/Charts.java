@@ -72,6 +72,8 @@ final class Charts {
         axis.setBase(10);
         axis.setTickUnit(new NumberTickUnit(1));
         axis.setMinorTickMarksVisible(false);
+        // For the half of the topmost label that is above its line.
+        axis.setUpperMargin(0.15);
         axis.setNumberFormatOverride(ShortNumbers.format(false));
         axis.setLabelFont(plot.getRangeAxis().getLabelFont());
         axis.setTickLabelFont(plot.getRangeAxis().getTickLabelFont());
@@ -138,8 +140,6 @@ final class Charts {
 
     private String draw(JFreeChart chart, Plot plot) {
         chart.setBackgroundPaint(null);
-        // For the labels at the ends of the axes.
-        chart.setPadding(new RectangleInsets(8, 2, 2, 8));
         plot.setOutlineVisible(false);
         if (chart.getLegend() != null) {
             chart.getLegend().setFrame(BlockBorder.NONE);
