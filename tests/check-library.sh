@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Reads the library's dynamic section: it must export the native methods and nothing else, need
 # nothing at run time but the C library, of which the loader is a part, and of that nothing newer
-# than the oldest C library that the README names.
+# than the oldest C library that is promised. And it must be small: what nothing calls is left out.
+#   check-library.sh LIBRARY OLDEST_GLIBC
 set -euo pipefail
 library=$1
-oldest_glibc=2.18
+oldest_glibc=$2
 export LC_ALL=C
 
 exported=$(readelf --wide --dyn-syms "$library" |
