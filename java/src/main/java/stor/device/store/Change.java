@@ -93,10 +93,8 @@ record Change(Kind kind, long offset, int length, FileLocation from, FileLocatio
         long first = offset + length;
         long last = offset;
         for (MappedRange range : fileMap.ranges(offset, length)) {
-            if (!Holes.isHole(range.location().majorVer(), range.location().minorVer())) {
-                first = Math.min(first, Math.max(offset, range.offset()));
-                last = Math.min(offset + length, range.end());
-            }
+            first = Math.min(first, Math.max(offset, range.offset()));
+            last = Math.min(offset + length, range.end());
         }
         if (first < last) {
             fileMap.insert(first, (int) (last - first), FileLocation.EMPTY);

@@ -44,12 +44,16 @@ final class WriteBuffer {
      * older one would be joined with it, to more than a length can say if holes are large.
      */
     void discard(long offset, int length) {
-        long from = offset;
-        for (MappedRange range : active.ranges(offset, length)) {
-            if (Holes.isHole(range.location().majorVer(), range.location().minorVer())) {
-                punch(from, range.offset());
-                from = range.end();
+        List<MappedRange> holes = new ArrayList<>();
+        active.forEach(offset, length, (start, len, number, place, majorVer, minorVer, range) -> {
+            if (Holes.isHole(majorVer, minorVer)) {
+                holes.add(new MappedRange(start, len, false, FileLocation.EMPTY));
             }
+        });
+        long from = offset;
+        for (MappedRange hole : holes) {
+            punch(from, hole.offset());
+            from = hole.end();
         }
         punch(from, offset + length);
     }
