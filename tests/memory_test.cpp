@@ -9,6 +9,7 @@
 #include <barrier>
 #include <limits>
 #include <mutex>
+#include <shared_mutex>
 #include <thread>
 #include <vector>
 
@@ -195,12 +196,13 @@ TEST_F(Memory, RecordsAndTheRegistryAreSharedByThreads) {
     }
 }
 
-// Maps of their own, one map handed from thread to thread, records, sweeps and limits: all at once.
+// Maps of their own, one map that threads change one by one and search together, records, sweeps
+// and limits: all at once.
 TEST_F(Memory, ThreadsBalance) {
     {
         FakeJava java;
         TestMap shared(java);
-        std::mutex sharedLock;
+        std::shared_mutex sharedLock;
         std::atomic<bool> done{false};
         std::thread sweeper([&] {
             while (!done) {
@@ -216,9 +218,14 @@ TEST_F(Memory, ThreadsBalance) {
                 for (int i = 0; i < 3000; ++i) {
                     map.insert(buffered(own, inFile((seed + i * 7919LL) % 500 * 10, 25, 0, i % 5)));
                     if (i % 100 == 0) map.release();
-                    if (i % 6 != 0) continue;
-                    const std::lock_guard lock(sharedLock);
-                    shared.insert(buffered(java, inFile(i * 5LL, 7, 0, seed)));
+                    if (i % 6 == 0) {
+                        const std::lock_guard changing(sharedLock);
+                        shared.insert(buffered(java, inFile(i * 5LL, 7, 0, seed)));
+                    } else {
+                        const std::shared_lock searching(sharedLock);
+                        const auto found = shared->findEqualGreater(i * 5LL);
+                        EXPECT_EQ(shared->runOver(i * 5LL, 1).first, found.get());
+                    }
                 }
             });
         }

@@ -44,7 +44,7 @@ class Pool : public testing::Test {
         block.slab->give(block.bytes);
     }
 
-    const SlabSizes slabSizes{false};
+    const Setting<bool> slabsOfOne{BlockPool::slabsOfOne, false};
     std::minstd_rand random{1};
     std::unique_ptr<BlockPool> pool = std::make_unique<BlockPool>();
     std::vector<Block> inUse;

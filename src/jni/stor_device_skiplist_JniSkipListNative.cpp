@@ -77,8 +77,7 @@ template <typename Search>
 jlongArray nodeRun(JNIEnv* env, const char* method, jlong handle, Search search) {
     return guarded(env, other(method), [&] {
         const SkipList::Run run = search(*SkipList::getSkipList(handle, nullptr));
-        return toJava(env,
-                      std::array<jlong, 2>{handleOf(run.first.get()), handleOf(run.last.get())});
+        return toJava(env, std::array<jlong, 2>{handleOf(run.first), handleOf(run.last)});
     });
 }
 

@@ -1,4 +1,4 @@
-// The way down a map, which every search takes.
+// The way down a map, which a search takes where there are no signposts.
 //
 // It goes from link to link through plain references to the links themselves, and so touches no
 // reference count. `tail` ends every level, therefore a link that is followed is never null; and a
@@ -16,19 +16,27 @@ inline const std::shared_ptr<Node>& follow(const Node& node, int level) {
     return node.linked(level);
 }
 
-// Tells `note(level, x, next)`, from level `from` down, the last node that ends at or before `key`
-// and the one after it. Returns the latter at level 0, or where `note` returns true.
-template <typename Note>
-const std::shared_ptr<Node>& descend(const std::shared_ptr<Node>& head, const Node& tail,
-                                     long long key, int from, Note note) {
+// Tells `note(level, x)`, from level `from` down to `to`, the last node for which `isBefore` holds.
+// Returns the link from there at level `to`.
+template <typename IsBefore, typename Note>
+const std::shared_ptr<Node>& descend(const std::shared_ptr<Node>& head, const Node& tail, int from,
+                                     int to, IsBefore isBefore, Note note) {
     const std::shared_ptr<Node>* x = &head;
-    for (int i = from; i >= 0; --i) {
+    for (int i = from; i >= to; --i) {
         const std::shared_ptr<Node>* next = &follow(**x, i);
-        while ((*next)->getEnd() <= key && next->get() != &tail) {
+        while (isBefore(**next) && next->get() != &tail) {
             x = next;
             next = &follow(**x, i);
         }
-        if (note(i, *x, *next)) return *next;
+        note(i, *x);
     }
-    return (*x)->linked(0);
+    return (*x)->linked(to);
+}
+
+// As above, down to level 0, the last node that ends at or before `key`.
+template <typename Note>
+const std::shared_ptr<Node>& descend(const std::shared_ptr<Node>& head, const Node& tail,
+                                     long long key, int from, Note note) {
+    return descend(
+        head, tail, from, 0, [key](const Node& node) { return node.getEnd() <= key; }, note);
 }

@@ -155,18 +155,30 @@ void InsertInPlace::shorten(Node& node, long long start, long long end,
     } else {
         node.data->skip(ByteRange::lengthOf(node.getOffset(), start), map.sectorSize);
     }
-    node.index->set(start, ByteRange::lengthOf(start, end));
+    setRange(node, start, ByteRange::lengthOf(start, end));
+}
+
+// Between the same neighbours as before.
+void InsertInPlace::setRange(Node& node, long long start, int len) const {
+    const long long formerStart = node.getOffset();
+    node.index->set(start, len);
+    map.signposts.moved(node, formerStart);
 }
 
 void InsertInPlace::addNew(Parts& parts) {
     parts.added->data->swap(location);
     map.size += plan.splits ? 2 : 1;
-    if (plan.splits) map.path.link(std::move(parts.rest));
-    map.path.link(std::move(parts.added));
+    if (plan.splits) link(std::move(parts.rest));
+    link(std::move(parts.added));
+}
+
+void InsertInPlace::link(std::shared_ptr<Node> node) const {
+    map.signposts.add(*node);
+    map.path.link(std::move(node));
 }
 
 void InsertInPlace::changeKept() {
-    plan.kept->index->set(fusion.offset, static_cast<int>(fusion.len));
+    setRange(*plan.kept, fusion.offset, static_cast<int>(fusion.len));
     // A range that grows to the right keeps its location, for its start stays where it is.
     if (!fusion.left) plan.kept->data->swap(location);
     if (neighbour == nullptr) map.path.passOver(*plan.kept);
@@ -176,6 +188,7 @@ void InsertInPlace::changeKept() {
 std::shared_ptr<Node> InsertInPlace::unlinkCovered() {
     std::shared_ptr<Node> removed;
     while (map.path.next().get() != plan.behind) {
+        map.signposts.drop(*map.path.next());
         std::shared_ptr<Node> node = map.path.unlink();
         node->linked(0) = std::move(removed);
         removed = std::move(node);

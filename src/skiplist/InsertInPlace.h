@@ -71,7 +71,9 @@ class InsertInPlace {
     void apply(Parts& parts);
     void shorten(Node& node, long long start, long long end,
                  std::optional<FileLocation>& part) const;
+    void setRange(Node& node, long long start, int len) const;
     void addNew(Parts& parts);
+    void link(std::shared_ptr<Node> node) const;
     void changeKept();
     std::shared_ptr<Node> unlinkCovered();
 

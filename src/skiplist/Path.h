@@ -7,15 +7,17 @@
 //     the path to 60     [50, 60) at level 0, [30, 40) at levels 1 and 2
 //
 // Nodes are linked and unlinked right behind the place. A path that is led from place to place
-// mostly needs no descent: many writes go on where the one before them stopped.
+// mostly needs no search: many writes go on where the one before them stopped. Signposts lead to
+// the place at levels 0 and 1, which is enough for fifteen nodes in sixteen.
 //
 // Invariants
-//   (1) At each level the entry is the last node there at or before the place; `head` above the
-//       level of the highest node.
+//   (1) At each level below `known`, and above that of the highest node, the entry is the last node
+//       there at or before the place. In between an entry may be that of a node that has gone.
 //   (2) (1) holds as long as nodes come and go right behind the place only, or the path is reset.
 // Ownership: none; the map holds the nodes.
 // Threads: as the map.
-// Cost: a descent, where the place is not the one of before nor one node further.
+// Cost: a search, where the place is not the one of before nor one node further; a descent more for
+//   a node that comes or goes higher than the place is known.
 #pragma once
 
 #include <algorithm>
@@ -25,24 +27,35 @@
 
 #include "skiplist/Descent.h"
 #include "skiplist/Node.h"
+#include "skiplist/Signposts.h"
 
 class Path {
   public:
-    // At the start of a map. REQUIRES: height >= 1.
-    Path(Node& mapHead, int height) : lasts(static_cast<std::size_t>(height), &mapHead) {}
+    // At the start of a map, whose sentinels stay where they are. REQUIRES: height >= 1.
+    Path(const std::shared_ptr<Node>& mapHead, const std::shared_ptr<Node>& mapTail, int height)
+        : head(mapHead), tail(*mapTail), lasts(static_cast<std::size_t>(height)) {
+        reset();
+    }
 
     // The last node at or before the place, and the link to the one behind it.
     Node& last() const { return *lasts.front(); }
     std::shared_ptr<Node>& next() const { return last().linked(0); }
 
     // Back to the start of the map.
-    void reset(Node& mapHead) { std::fill(lasts.begin(), lasts.end(), &mapHead); }
+    void reset() {
+        std::fill(lasts.begin(), lasts.end(), head.get());
+        known = height();
+    }
 
     // Moves the place behind `node`. REQUIRES: it is the one behind the place.
-    void passOver(Node& node) { std::fill_n(lasts.begin(), node.getLevel() + 1, &node); }
+    void passOver(Node& node) {
+        std::fill_n(lasts.begin(), node.getLevel() + 1, &node);
+        known = std::max(known, node.getLevel() + 1);
+    }
 
     // Links a node right behind the place, at each of its levels.
     void link(std::shared_ptr<Node> node) {
+        require(node->getLevel());
         for (int i = node->getLevel(); i >= 0; --i) {
             std::shared_ptr<Node>& link = at(i).linked(i);
             node->linked(i) = std::move(link);
@@ -53,27 +66,32 @@ class Path {
 
     // Takes the node right behind the place out; it keeps no link.
     std::shared_ptr<Node> unlink() {
+        require(next()->getLevel());
         std::shared_ptr<Node> node = std::move(next());
         for (int i = 0; i <= node->getLevel(); ++i) at(i).linked(i) = std::move(node->linked(i));
         return node;
     }
 
-    // Leads to the last node that ends at or before `key`. REQUIRES: no node above `topLevel`.
+    // Leads to the last node that ends at or before `key`. REQUIRES: no node above `mapTop`.
     // `isOrdered`: the ends of ranges are in order like their starts.
-    void leadTo(long long key, const std::shared_ptr<Node>& head, const Node& tail, int topLevel,
-                bool isOrdered) {
-        if (isOrdered && isNearby(key, tail)) return;
-        descend(head, tail, key, topLevel, [this](int level, const auto& previous, const auto&) {
-            lasts[static_cast<std::size_t>(level)] = previous.get();
-            return false;
-        });
+    void leadTo(long long key, const Signposts& signposts, int mapTop, bool isOrdered) {
+        if (isOrdered && isNearby(key)) return;
+        top = mapTop;
+        if (signposts.isOn()) {
+            walkTo(key, signposts.lastEndingBy(key));
+        } else {
+            descend(head, tail, key, top, [this](int i, const auto& x) { entry(i) = x.get(); });
+            known = height();
+        }
     }
 
   private:
-    Node& at(int level) const { return *lasts[static_cast<std::size_t>(level)]; }
+    int height() const { return static_cast<int>(lasts.size()); }
+    Node*& entry(int level) { return lasts[static_cast<std::size_t>(level)]; }
+    Node& at(int level) { return *entry(level); }
 
     // Whether it leads there already, or after one step.
-    bool isNearby(long long key, const Node& tail) {
+    bool isNearby(long long key) {
         if (last().getEnd() > key) return false;
         Node* behind = next().get();
         if (behind->getEnd() <= key && behind != &tail) {
@@ -83,5 +101,34 @@ class Path {
         return behind->getEnd() > key;
     }
 
+    // From the last promoted node that ends at or before `key`; without one, from the start.
+    void walkTo(long long key, Node* promoted) {
+        if (promoted == nullptr) {
+            reset();
+        } else {
+            entry(0) = entry(1) = promoted;
+            known = 2;
+        }
+        for (Node* behind = next().get(); behind->getEnd() <= key && behind != &tail;) {
+            entry(0) = behind;
+            behind = next().get();
+        }
+    }
+
+    // Gets to know the place up to `level`. By starts: an insert that is half done has them in
+    // order, but not ends.
+    void require(int level) {
+        if (level < known) return;
+        const long long start = last().getOffset();
+        descend(
+            head, tail, top, known, [=](const Node& node) { return node.getOffset() <= start; },
+            [this](int i, const auto& x) { entry(i) = x.get(); });
+        known = height();
+    }
+
+    const std::shared_ptr<Node>& head;
+    const Node& tail;
     std::vector<Node*> lasts;
+    int known = 0;
+    int top = 0;  // no node was above it when the path was led to the place
 };

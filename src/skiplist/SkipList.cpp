@@ -72,7 +72,7 @@ SkipList::SkipList(std::shared_ptr<Env>& sharedEnv, int height, int bytesPerSect
       sectorSize(bytesPerSector),
       head(createSentinel(firstPosition, maxLevel)),
       tail(createSentinel(lastPosition, maxLevel)),
-      path(*head, height) {
+      path(head, tail, height) {
     for (int i = maxLevel; i >= 0; --i) head->next(i) = tail;
     // Last: what follows a charge must not fail, for a map that is not built credits nothing.
     MemoryStat::statsMem(charge);
@@ -107,49 +107,60 @@ void SkipList::setJNIEnv(JNIEnv* jniEnv) {
 
 // --- Searches ------------------------------------------------------------------------------------
 
-const std::shared_ptr<Node>& SkipList::firstEndingAfter(long long key) const {
-    // A node that holds the key is the one, however high it is met.
-    return descend(head, *tail, key, topLevel, [&](int, const auto&, const auto& next) {
-        return isOrdered && next->getOffset() <= key;
-    });
+Node* SkipList::firstEndingAfter(long long key) const {
+    if (!signposts.isOn()) return linkToFirstEndingAfter(key).get();
+    Node* node = signposts.lastStartingBy(key);
+    if (node == nullptr) node = head->linked(0).get();
+    while (node->getEnd() <= key && node != tail.get()) node = node->linked(0).get();
+    return node;
+}
+
+// For who needs a reference, which only a link can give.
+const std::shared_ptr<Node>& SkipList::linkToFirstEndingAfter(long long key) const {
+    if (!signposts.isOn()) return descend(head, *tail, key, topLevel, [](int, const auto&) {});
+    const Node* promoted = signposts.lastEndingBy(key);
+    const std::shared_ptr<Node>* link = &(promoted != nullptr ? promoted : head.get())->linked(0);
+    while ((*link)->getEnd() <= key && *link != tail) link = &(*link)->linked(0);
+    return *link;
 }
 
 std::shared_ptr<Node> SkipList::findEqualGreater(long long key) const {
-    return firstEndingAfter(key);
+    return linkToFirstEndingAfter(key);
 }
 
 void SkipList::find(long long offset, int len, std::shared_ptr<Node>& first,
                     std::shared_ptr<Node>& last) const {
-    const Run run = runOver(offset, len);
-    first = run.first;
-    last = run.last;
+    const long long end = Index::endOf(offset, len);
+    first = linkToFirstEndingAfter(offset);
+    last = linkToFirstEndingAfter(end);
+    if (startsBefore(last, end)) last = last->nextNode();
 }
 
 SkipList::Run SkipList::runOver(long long offset, int len) const {
     const long long end = Index::endOf(offset, len);
-    const std::shared_ptr<Node>& begin = firstEndingAfter(offset);
+    Node* const begin = firstEndingAfter(offset);
     begin->prefetchLocation();
-    const std::shared_ptr<Node>* stop = &begin;
-    // The first node that ends after `end` is a few steps on, or else worth a descent.
-    for (int steps = 0; *stop != tail && (*stop)->getEnd() <= end && steps < longestWalk; ++steps) {
-        stop = &(*stop)->next(0);
-        (*stop)->prefetchLocation();
+    Node* stop = begin;
+    // The first node that ends after `end` is a few steps on, or else worth a search.
+    for (int steps = 0; stop != tail.get() && stop->getEnd() <= end && steps < longestWalk;
+         ++steps) {
+        stop = stop->linked(0).get();
+        stop->prefetchLocation();
     }
-    const bool arrived = *stop == tail || (*stop)->getEnd() > end;
+    const bool arrived = stop == tail.get() || stop->getEnd() > end;
     // A range of negative length ends before it starts, and its end lies behind the walk.
-    if (!arrived || end < offset) stop = &firstEndingAfter(end);
-    if (*stop != tail && (*stop)->getOffset() < end) stop = &(*stop)->next(0);
-    return {begin, *stop};
+    if (!arrived || end < offset) stop = firstEndingAfter(end);
+    if (stop != tail.get() && stop->getOffset() < end) stop = stop->linked(0).get();
+    return {begin, stop};
 }
 
 void SkipList::findAll(std::shared_ptr<Node>& first, std::shared_ptr<Node>& last) const {
-    const Run run = runOverAll();
-    first = run.first;
-    last = run.last;
+    first = head->nextNode();
+    last = tail;
 }
 
 SkipList::Run SkipList::runOverAll() const {
-    return {head->next(0), tail};
+    return {head->linked(0).get(), tail.get()};
 }
 
 void SkipList::findRange(long long offset, int len, Node::Arr& predecessors, Node::Arr& successors,
@@ -158,11 +169,10 @@ void SkipList::findRange(long long offset, int len, Node::Arr& predecessors, Nod
     // Throws here rather than in the middle if an array is short.
     std::shared_ptr<Node>* const before = &Node::at(*predecessors, maxLevel) - maxLevel;
     std::shared_ptr<Node>* const after = &Node::at(*successors, maxLevel) - maxLevel;
-    const std::shared_ptr<Node>* node = &descend(
-        head, *tail, offset, maxLevel, [&](int level, const auto& previous, const auto& next) {
+    const std::shared_ptr<Node>* node =
+        &descend(head, *tail, offset, maxLevel, [&](int level, const auto& previous) {
             before[level] = previous;
-            after[level] = next;
-            return false;
+            after[level] = previous->linked(level);
         });
     // What the descent took for a successor may itself be overlapped. Each node walked over hands
     // its own successors on, so that at every level the nodes between the two neighbours are
@@ -179,7 +189,7 @@ bool SkipList::startsBefore(const std::shared_ptr<Node>& node, long long end) co
 
 template <typename Visit>
 void SkipList::forEachOverlapped(const ByteRange& range, Visit visit) const {
-    Node* node = firstEndingAfter(range.getOffset()).get();
+    Node* node = firstEndingAfter(range.getOffset());
     while (node != tail.get() && node->getOffset() < range.getEnd()) {
         visit(*node);
         node = node->next(0).get();
@@ -256,6 +266,8 @@ void SkipList::insert(const ByteRange& range, FileLocation& location) {
     if (!InsertInPlace::tryTo(*this, range, location)) insertByReplacing(range, location);
     rawCount = wrapping::add(rawCount, 1);
     rawLen = wrapping::add(rawLen, range.getLen());
+    const int limit = Signposts::fewestRanges;
+    if (signposts.isOn() ? size < limit / 2 : size >= limit) switchSignposts();
 }
 
 // Which of its two neighbours a range continues, and the range that they are together. A length
@@ -307,11 +319,23 @@ void SkipList::insertByReplacing(const ByteRange& range, FileLocation& location)
 
 void SkipList::noteOrder(const ByteRange& range) {
     // A negative length may end behind the start, too: it wraps where the device begins.
-    if (range.getLen() <= 0 || range.getEnd() <= range.getOffset()) isOrdered = false;
+    if (range.getLen() > 0 && range.getEnd() > range.getOffset()) return;
+    isOrdered = false;
+    signposts.clear();
 }
 
 void SkipList::leadPathTo(long long key) {
-    path.leadTo(key, head, *tail, topLevel, isOrdered);
+    path.leadTo(key, signposts, topLevel, isOrdered);
+}
+
+// Where they find no memory, they are tried again after as many inserts as the map has ranges.
+void SkipList::switchSignposts() {
+    if (signposts.isOn()) {
+        signposts.clear();
+    } else if (isOrdered && maxLevel > 0 && --insertsUntilSignposts < 0) {
+        signposts.build(*head, *tail);
+        insertsUntilSignposts = signposts.isOn() ? 0 : size;
+    }
 }
 
 void SkipList::insertNewNodes(std::unique_ptr<Index>& index, std::unique_ptr<Data>& data,
@@ -474,8 +498,15 @@ void SkipList::link(std::shared_ptr<Node>& from, std::shared_ptr<Node>& to) cons
 }
 
 void SkipList::link(Node::Arr& predecessors, Node::Arr& successors, Node::List& newNodes) {
-    // The path may lead over nodes that are about to go.
-    path.reset(*head);
+    // The path may lead over nodes that are about to go, and signposts to them.
+    path.reset();
+    if (signposts.isOn()) {
+        for (const Node* node = Node::at(*predecessors, 0)->next(0).get();
+             node != Node::at(*successors, 0).get(); node = node->next(0).get()) {
+            signposts.drop(*node);
+        }
+        for (const auto& node : *newNodes) signposts.add(*node);
+    }
     newNodes->back()->next(0) = Node::at(*successors, 0);
     int linked = 0;  // levels whose predecessor points to a new node by now
     for (const auto& node : *newNodes) {

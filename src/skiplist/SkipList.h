@@ -18,8 +18,8 @@
 //   ranges are processed as they stand: links stay sound, order is then the caller's loss.
 // Ownership: the map owns its nodes through the links, and the memory that they lie in; a node owns
 //   its records and its buffer.
-// Threads: not thread-safe: the caller runs one call at a time on a map, searches included.
-//   Different maps may be used at once.
+// Threads: searches, and reading nodes, may run at the same time as each other. A change runs alone
+//   on its map; the caller sees to that. Different maps may be used at once.
 // Cost: searches O(log size) expected, an insert O(log size + ranges replaced), walks linear. No
 //   operation uses stack in proportion to the ranges that it drops.
 // Failure: an insert that throws (jni_bad_alloc, std::bad_alloc, std::runtime_error from a buffer)
@@ -35,6 +35,7 @@
 
 #include "skiplist/Node.h"
 #include "skiplist/Path.h"
+#include "skiplist/Signposts.h"
 
 class SkipList {
   public:
@@ -59,11 +60,10 @@ class SkipList {
               std::shared_ptr<Node>& last) const;
     void findAll(std::shared_ptr<Node>& first, std::shared_ptr<Node>& last) const;
 
-    // The same runs, as the links that lead to their ends: these count no reference, and stay until
-    // the map changes.
+    // The same runs, without references to their ends, which stay until the map changes.
     struct Run {
-        const std::shared_ptr<Node>& first;
-        const std::shared_ptr<Node>& last;
+        Node* first;
+        Node* last;
     };
     Run runOver(long long offset, int len) const;
     Run runOverAll() const;
@@ -89,6 +89,9 @@ class SkipList {
                               const std::unique_ptr<Data>& newData,
                               const std::unique_ptr<Index>& oldIndex,
                               const std::unique_ptr<Data>& oldData) const;
+
+    // Whether the signposts name the promoted nodes and no others, or are off. For tests.
+    bool signpostsAgree() const { return !signposts.isOn() || signposts.agreesWith(*head, *tail); }
 
     // --- Changes: each invalidates the handles of the nodes that it replaces. ---
 
@@ -180,7 +183,8 @@ class SkipList {
         long long len;
     };
 
-    const std::shared_ptr<Node>& firstEndingAfter(long long key) const;
+    Node* firstEndingAfter(long long key) const;
+    const std::shared_ptr<Node>& linkToFirstEndingAfter(long long key) const;
     bool startsBefore(const std::shared_ptr<Node>& node, long long end) const;
     template <typename Visit>
     void forEachOverlapped(const ByteRange& range, Visit visit) const;
@@ -199,6 +203,7 @@ class SkipList {
     void insertByReplacing(const ByteRange& range, FileLocation& location);
     void noteOrder(const ByteRange& range);
     void leadPathTo(long long key);
+    void switchSignposts();
 
     std::shared_ptr<Node> cut(const Node& source, long long start, long long end);
     Node& append(Node::List& newNodes, std::shared_ptr<Node> node);
@@ -220,4 +225,8 @@ class SkipList {
 
     // Ends where the latest insert was.
     Path path;
+
+    // On in larger maps whose ranges are in order.
+    Signposts signposts;
+    int insertsUntilSignposts = 0;
 };

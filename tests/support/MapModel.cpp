@@ -73,6 +73,7 @@ Snapshot snapshotOf(const SkipList& map) {
     }
     require(map.size == static_cast<int>(snapshot.ranges.size()), "size is not the count");
     for (int level = 0; level <= map.maxLevel; ++level) checkLevel(map, level);
+    require(map.signpostsAgree(), "the signposts differ from the links");
     checkScratch(map.prevArr);
     checkScratch(map.nextArr);
     return snapshot;

@@ -39,7 +39,8 @@ Session::Session(std::vector<unsigned char> bytes)
       base(any(std::array{0LL, -1LL << 31, lowest, highest - (1LL << 23)})),
       span(any(std::array{64U, 256U})),
       longestRange(span == 64 ? 12 : 3),
-      slabSizes(below(2) == 0),
+      slabsOfOne(BlockPool::slabsOfOne, below(2) == 0),
+      fewestRanges(Signposts::fewestRanges, any(std::array{3, 3, 3, 128})),
       pairs{Pair{nullptr, MapModel(sectorSize)}, Pair{nullptr, MapModel(sectorSize)}} {
     if (shape == Shape::longest) base = -1LL << 31;
     for (Pair& pair : pairs) replace(pair);

@@ -70,6 +70,9 @@ class Session {
     unsigned longestRange;
     bool wasWholeAtRelease = true;
     const long long chargedBefore = faults::chargedBytes();
-    SlabSizes slabSizes;
+    Setting<bool> slabsOfOne;
+    // Signposts for maps of a few ranges, in chunks of a few nodes, or none.
+    Setting<int> fewestRanges;
+    Setting<std::size_t> entriesPerChunk{Signposts::entriesPerChunk, 4};
     std::array<Pair, 2> pairs;
 };

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <utility>
 
 #include "skiplist/SkipList.h"
 #include "support/FakeJava.h"
@@ -46,14 +47,16 @@ inline Stored inFile(long long offset, int len, int fileOffset, int majorVer = 1
 // The same with a new buffer of its length.
 Stored buffered(FakeJava& java, Stored range);
 
-// While it lives, each node is an allocation of its own, or none is, whatever the build.
-class SlabSizes {
+// While it lives, a setting of the library's that is there for tests has another value.
+template <typename T>
+class Setting {
   public:
-    explicit SlabSizes(bool ofOne) { BlockPool::slabsOfOne = ofOne; }
-    ~SlabSizes() { BlockPool::slabsOfOne = before; }
-    SlabSizes(const SlabSizes&) = delete;
-    SlabSizes& operator=(const SlabSizes&) = delete;
+    Setting(T& variable, T value) : place(variable), before(std::exchange(variable, value)) {}
+    ~Setting() { place = before; }
+    Setting(const Setting&) = delete;
+    Setting& operator=(const Setting&) = delete;
 
   private:
-    const bool before = BlockPool::slabsOfOne;
+    T& place;
+    const T before;
 };
