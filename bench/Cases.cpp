@@ -169,14 +169,15 @@ struct Memory {
     }
 };
 
-// By the clock, from when all threads are ready until the last one has served its own map.
-template <typename Map>
-double secondsOfThreads(int count, const Workload& workload) {
+// By the clock, from when all threads are ready until the last one has served the map that `mapOf`
+// gives it.
+template <typename MapOf>
+double secondsOfThreads(int count, const Operations& timed, MapOf mapOf) {
     std::barrier together(count + 1);
     const auto work = [&] {
-        const auto map = filledMap<Map>(workload.setUp);
+        const auto map = mapOf();
         together.arrive_and_wait();
-        benchmark::DoNotOptimize(serve(*map, workload.timed));
+        benchmark::DoNotOptimize(serve(*map, timed));
         together.arrive_and_wait();
     };
     std::vector<std::jthread> threads;
@@ -188,13 +189,34 @@ double secondsOfThreads(int count, const Workload& workload) {
 }
 
 // Per operation of all threads: the inverse of the throughput.
+template <int count, typename MapOf>
+void timeThreads(benchmark::State& state, const Workload& workload, std::size_t ranges,
+                 MapOf mapOf) {
+    for (auto _ : state) {
+        state.SetIterationTime(secondsOfThreads(count, workload.timed, mapOf));
+    }
+    report(state, workload.timed.size() * count, ranges);
+}
+
+// Each thread has a map of its own.
 template <int count>
 struct Threads {
     template <typename Map>
     static void run(benchmark::State& state, Case& measured) {
         const Workload workload = measured.workload();
-        for (auto _ : state) state.SetIterationTime(secondsOfThreads<Map>(count, workload));
-        report(state, workload.timed.size() * count, measured.ranges());
+        timeThreads<count>(state, workload, measured.ranges(),
+                           [&] { return filledMap<Map>(workload.setUp); });
+    }
+};
+
+// All threads read one map.
+template <int count>
+struct Readers {
+    template <typename Map>
+    static void run(benchmark::State& state, Case& measured) {
+        const Workload workload = measured.workload();
+        const std::shared_ptr<Map> shared = filledMap<Map>(workload.setUp);
+        timeThreads<count>(state, workload, measured.ranges(), [&] { return shared; });
     }
 };
 
@@ -258,7 +280,10 @@ void registerSize(int pages) {
         .time<Threads<1>>("threads-1")
         .time<Threads<2>>("threads-2");
     Rivals(size, filledAnd(overwrites, Spread::hotSpot)).time<Changes>("overwrite-hot");
-    Rivals(size, filledAnd(walks, Spread::uniform)).time<Walks>("find");
+    Rivals(size, filledAnd(walks, Spread::uniform))
+        .time<Walks>("find")
+        .time<Readers<1>>("readers-1")
+        .time<Readers<2>>("readers-2");
     Rivals(size, filledAnd(walks, Spread::hotSpot)).time<Walks>("find-hot");
     Rivals(size, [=] {
         return Workload{partlyOverwritten(pages), moves(pages, count)};

@@ -1,7 +1,7 @@
 // A map of the library behind its native methods, called as Java calls them.
 //
 // What a benchmark of it does not contain is the way of a JVM into native code and back.
-// Ownership: owns the map. Threads: used by the thread that made it.
+// Ownership: owns the map. Threads: changed by the thread that made it, and read by any.
 #pragma once
 
 #include "Operation.h"
@@ -24,15 +24,18 @@ class LibraryMap {
     // Visits the ranges that share a byte with [offset, offset + len), in order.
     template <typename Visit>
     void forEach(long long offset, int len, Visit visit) const {
-        Java_stor_device_skiplist_JniSkipListNative_getNodes(env, nullptr, handle, offset, len);
-        visitPair(visit);
+        StandInJvm& jvm = StandInJvm::ofThread();
+        Java_stor_device_skiplist_JniSkipListNative_getNodes(jvm.env(), nullptr, handle, offset,
+                                                             len);
+        visitPair(jvm, visit);
     }
 
     // Visits everything stored, in order.
     template <typename Visit>
     void forEach(Visit visit) const {
-        Java_stor_device_skiplist_JniSkipListNative_getAllNodes(env, nullptr, handle);
-        visitPair(visit);
+        StandInJvm& jvm = StandInJvm::ofThread();
+        Java_stor_device_skiplist_JniSkipListNative_getAllNodes(jvm.env(), nullptr, handle);
+        visitPair(jvm, visit);
     }
 
   protected:
@@ -41,8 +44,8 @@ class LibraryMap {
 
   private:
     template <typename Visit>
-    void visitPair(Visit visit) const {
-        const auto [first, last] = StandInJvm::ofThread().pair();
+    void visitPair(const StandInJvm& jvm, Visit visit) const {
+        const auto [first, last] = jvm.pair();
         for (jlong node = first; node != last;
              node = Java_stor_device_skiplist_JniSkipListNative_nextNode(env, nullptr, node)) {
             visit(rangeOf(node));

@@ -12,17 +12,21 @@
 #include "Cases.h"
 #include "Commit.h"
 #include "Competitors.h"
+#include "Equality.h"
 #include "Trace.h"
+#include "Workloads.h"
 
 namespace {
 
 constexpr const char* usage =
-    "usage: skiplist-bench [--trace=FILE] [--max-ranges=N] [--replay-once=MAP] [--benchmark_...]\n"
+    "usage: skiplist-bench [--trace=FILE] [--max-ranges=N] [--replay-once=MAP [--finds=N]]\n"
+    "                      [--benchmark_...]\n"
     "\n"
     "  --trace=FILE      replay this recorded block trace\n"
     "  --max-ranges=N    the largest maps, 1000000 by default; the smallest have 10000 ranges\n"
     "  --replay-once=MAP replay the trace once into one map, and measure nothing: for a profiler\n"
     "                      (skip-list, std-map, btree-map or icl-map)\n"
+    "  --finds=N         in place of the trace: N finds in a map of N ranges\n"
     "  --benchmark_...   flags of Google Benchmark, such as\n"
     "                      --benchmark_filter=REGEX --benchmark_list_tests=true\n"
     "                      --benchmark_repetitions=N --benchmark_report_aggregates_only=true\n"
@@ -51,6 +55,7 @@ struct Options {
     std::string trace = BENCH_TRACE;
     std::string maxRanges = "1000000";
     std::string replayOnce;
+    std::string finds;
 };
 
 bool takeValue(std::string_view argument, std::string_view flag, std::string& value) {
@@ -65,33 +70,37 @@ bool parse(int argc, char** argv, Options& options) {
         if (takeValue(argv[i], "--trace=", options.trace)) continue;
         if (takeValue(argv[i], "--max-ranges=", options.maxRanges)) continue;
         if (takeValue(argv[i], "--replay-once=", options.replayOnce)) continue;
+        if (takeValue(argv[i], "--finds=", options.finds)) continue;
         std::fprintf(stderr, "skiplist-bench: unknown argument %s\n%s", argv[i], usage);
         return false;
     }
     return true;
 }
 
+// What is replayed, and what fills the map before, not by `serve`, inside which a profiler counts.
+Workload chooseReplay(const Options& options) {
+    if (options.finds.empty()) return {{}, readTrace(options.trace)};
+    const int count = std::stoi(options.finds);
+    return {fillRandomly(count), walks(count, count, Spread::uniform)};
+}
+
 template <typename Map>
-bool replayIf(const std::string& name, const Operations& operations) {
+bool replayIf(const std::string& name, const Workload& workload) {
     if (name != Map::name) return false;
     Map map;
-    const unsigned long long sum = serve(map, operations);
-    std::printf("%zu operations, %zu ranges, digest of the walks %llu\n", operations.size(),
+    for (const Operation& operation : workload.setUp) map.insert(operation.range);
+    const unsigned long long sum = serve(map, workload.timed);
+    std::printf("%zu operations, %zu ranges, digest of the walks %llu\n", workload.timed.size(),
                 rangesOf(map).size(), sum);
     return true;
 }
 
 template <typename... Maps>
-int replayOnce(const std::string& name, const std::string& trace) {
-    const Operations operations = readTrace(trace);
-    if ((replayIf<Maps>(name, operations) || ...)) return EXIT_SUCCESS;
-    std::fprintf(stderr, "skiplist-bench: no such map: %s\n%s", name.c_str(), usage);
-    return EXIT_FAILURE;
-}
-
 int replayOnce(const Options& options) {
-    return replayOnce<LibraryMap, StdRangeMap, BtreeRangeMap, IclRangeMap>(options.replayOnce,
-                                                                           options.trace);
+    const Workload workload = chooseReplay(options);
+    if ((replayIf<Maps>(options.replayOnce, workload) || ...)) return EXIT_SUCCESS;
+    std::fprintf(stderr, "skiplist-bench: no such map: %s\n%s", options.replayOnce.c_str(), usage);
+    return EXIT_FAILURE;
 }
 
 int measure(const Options& options) {
@@ -111,7 +120,8 @@ int main(int argc, char** argv) {
     if (!parse(argc, argv, options)) return EXIT_FAILURE;
     const WaitingThread waiting;
     try {
-        return options.replayOnce.empty() ? measure(options) : replayOnce(options);
+        if (options.replayOnce.empty()) return measure(options);
+        return replayOnce<LibraryMap, StdRangeMap, BtreeRangeMap, IclRangeMap>(options);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "skiplist-bench: %s\n", e.what());
         return EXIT_FAILURE;

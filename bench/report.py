@@ -96,7 +96,7 @@ class Native:
     def against_rivals(self):
         for case, size in self.rows():
             figures = [self.get(case, name, size) for name in MAPS]
-            if None not in figures and case != "memory" and not case.startswith("threads"):
+            if None not in figures and not case.startswith(("memory", "threads", "readers")):
                 yield case, size, figures
 
 
@@ -176,17 +176,20 @@ def memory_part(native):
 
 
 def threads_part(native):
+    kinds = {"threads": "`overwrite`, a map each", "readers": "`find` in one map"}
     rows = []
     for case, size in native.rows():
-        if case != "threads-1":
+        kind, _, count = case.partition("-")
+        if kind not in kinds or count != "1":
             continue
         for name, title in MAPS.items():
-            one, two = (native.get(f"threads-{count}", name, size) for count in (1, 2))
-            rows.append([title, f"{size:,}", *(number(1e3 / each.median) for each in (one, two)),
+            one, two = (native.get(f"{kind}-{threads}", name, size) for threads in (1, 2))
+            rows.append([kinds[kind], title, f"{size:,}",
+                         *(number(1e3 / each.median) for each in (one, two)),
                          f"{one.median / two.median:.2f}",
                          f"{100 * max(one.spread or 0, two.spread or 0):.0f} %"])
-    return "Million operations of `overwrite` a second, by the clock.\n\n" + table(
-        ["Map", "*n*", "one thread", "two threads, a map each", "gain", "spread"], rows)
+    return "Million operations a second, by the clock.\n\n" + table(
+        ["Work", "Map", "*n*", "one thread", "two threads", "gain", "spread"], rows)
 
 
 def instructions_part(counts):
