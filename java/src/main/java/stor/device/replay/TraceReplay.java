@@ -304,6 +304,7 @@ public final class TraceReplay {
                 replay.buffers().allocated());
     }
 
+    /** In letters that every terminal has. */
     private static String latencies(Section section) {
         StringBuilder text = new StringBuilder();
         section.figures().forEach(figure -> text.append(text.isEmpty() ? "" : ", ")
