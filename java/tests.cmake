@@ -78,6 +78,8 @@ set(replay ${checks} stor.device.replay.TraceReplay)
 set(reports ${CMAKE_CURRENT_BINARY_DIR})
 add_java_test(java-replay RUNS ${replay} --report ${reports}/report.html ${trace})
 set_tests_properties(java-replay PROPERTIES FIXTURES_SETUP replay-report)
+add_test(NAME run-help COMMAND ${PROJECT_SOURCE_DIR}/run --repeat 2 --help WORKING_DIRECTORY /)
+set_tests_properties(run-help PROPERTIES PASS_REGULAR_EXPRESSION "^usage: ./run " TIMEOUT 10)
 if(NOT SKIPLIST_PRELOAD)
   # What the report says follows from the trace, and fits the screens that people have.
   set(scripts ${CMAKE_CURRENT_SOURCE_DIR}/src/test/scripts)

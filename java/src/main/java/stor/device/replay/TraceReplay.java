@@ -117,13 +117,15 @@ public final class TraceReplay {
         int status;
         Figures figures;
         Replay replay = new Replay(options, folder, stop);
-        try (replay) {
+        try {
             long start = System.nanoTime();
             status = work(replay, first);
             double seconds = (System.nanoTime() - start) / 1e9;
             figures = new RunFigures(options, load, replay).all(
                     verdict(replay), seconds, badLines, devices);
             progress.finish();
+        } finally {
+            close(replay);
         }
         if (status == RIGHT) {
             status = checkNothingLeft(replay);
@@ -137,6 +139,17 @@ public final class TraceReplay {
             print("%-10s %s", "figures", options.json());
         }
         return status;
+    }
+
+    /** After a failure, say of a full disk, closing may fail as well: there is a report even so. */
+    private void close(Replay replay) throws IOException {
+        try {
+            replay.close();
+        } catch (IOException | RuntimeException e) {
+            if (failure.isEmpty()) {
+                throw e;
+            }
+        }
     }
 
     /** Does all the work, as far as that gets; gives the exit status. */
@@ -330,7 +343,8 @@ public final class TraceReplay {
     private static String reason(Throwable failure) {
         String message = failure.getMessage();
         boolean says = message != null && message.contains(" ");
-        return says ? message : failure.getClass().getSimpleName() + ": " + message;
+        // The figures of a store are in the report.
+        return says ? message.replaceFirst(": StoreStats\\[.*", "") : failure.getClass().getSimpleName() + ": " + message;
     }
 
     private String advice(Throwable failure) {

@@ -5,6 +5,7 @@ import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.io.IOException;
+import java.lang.management.ManagementFactory;
 import java.nio.file.Path;
 import java.util.Arrays;
 import java.util.Random;
@@ -70,7 +71,8 @@ class MirrorTest {
 
     /** Scattered pages, so many that the table grows; a sample knows about one in 16 of them. */
     @Test
-    void aSampleEstimates() throws IOException {
+    void scatteredWritesTakeNoHeapAndASampleEstimatesThem() throws IOException {
+        long heap = usedHeap();
         try (Mirror all = new Mirror(folder, SECTOR, SEED, false);
                 Mirror sample = new Mirror(folder, SECTOR, SEED, true)) {
             Random random = new Random(SEED);
@@ -79,11 +81,17 @@ class MirrorTest {
                 all.write(at, SECTOR, id);
                 sample.write(at, SECTOR, id);
             }
+            assertTrue(usedHeap() - heap < 8 << 20, "bytes: " + (usedHeap() - heap));
             assertEquals(100_000, all.liveSectors());
             assertEquals(100_000, sample.liveSectors(), 5_000);
             all.discard(0, Long.MAX_VALUE - SECTOR);
             assertEquals(0, all.liveSectors());
         }
+    }
+
+    private static long usedHeap() {
+        System.gc();
+        return ManagementFactory.getMemoryMXBean().getHeapMemoryUsage().getUsed();
     }
 
     private static Mirror.Source source(byte[] device) {
