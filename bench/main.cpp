@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <exception>
 #include <future>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -19,14 +20,14 @@
 namespace {
 
 constexpr const char* usage =
-    "usage: skiplist-bench [--trace=FILE] [--max-ranges=N] [--replay-once=MAP [--finds=N]]\n"
+    "usage: skiplist-bench [--trace=FILE] [--max-ranges=N] [--replay-once=MAP [--of=WORK/N]]\n"
     "                      [--benchmark_...]\n"
     "\n"
     "  --trace=FILE      replay this recorded block trace\n"
     "  --max-ranges=N    the largest maps, 1000000 by default; the smallest have 10000 ranges\n"
     "  --replay-once=MAP replay the trace once into one map, and measure nothing: for a profiler\n"
     "                      (skip-list, std-map, btree-map or icl-map)\n"
-    "  --finds=N         in place of the trace: N finds in a map of N ranges\n"
+    "  --of=WORK/N       in place of the trace: find, insert or overwrite with maps of N ranges\n"
     "  --benchmark_...   flags of Google Benchmark, such as\n"
     "                      --benchmark_filter=REGEX --benchmark_list_tests=true\n"
     "                      --benchmark_repetitions=N --benchmark_report_aggregates_only=true\n"
@@ -55,7 +56,7 @@ struct Options {
     std::string trace = BENCH_TRACE;
     std::string maxRanges = "1000000";
     std::string replayOnce;
-    std::string finds;
+    std::string replayed;
 };
 
 bool takeValue(std::string_view argument, std::string_view flag, std::string& value) {
@@ -70,18 +71,28 @@ bool parse(int argc, char** argv, Options& options) {
         if (takeValue(argv[i], "--trace=", options.trace)) continue;
         if (takeValue(argv[i], "--max-ranges=", options.maxRanges)) continue;
         if (takeValue(argv[i], "--replay-once=", options.replayOnce)) continue;
-        if (takeValue(argv[i], "--finds=", options.finds)) continue;
+        if (takeValue(argv[i], "--of=", options.replayed)) continue;
         std::fprintf(stderr, "skiplist-bench: unknown argument %s\n%s", argv[i], usage);
         return false;
     }
     return true;
 }
 
-// What is replayed, and what fills the map before, not by `serve`, inside which a profiler counts.
+// What is replayed. The first part fills the map before, and not by `serve`, in which a profiler
+// counts.
 Workload chooseReplay(const Options& options) {
-    if (options.finds.empty()) return {{}, readTrace(options.trace)};
-    const int count = std::stoi(options.finds);
-    return {fillRandomly(count), walks(count, count, Spread::uniform)};
+    if (options.replayed.empty()) return {{}, readTrace(options.trace)};
+    const std::size_t slash = options.replayed.find('/');
+    const std::string work = options.replayed.substr(0, slash);
+    const int ranges =
+        slash == std::string::npos ? 0 : std::stoi(options.replayed.substr(slash + 1));
+    if (ranges < 1) throw std::invalid_argument("--of: needs WORK/N, N above 0");
+    if (work == "insert") return {{}, fillRandomly(ranges)};
+    if (work == "find") return {fillRandomly(ranges), walks(ranges, ranges, Spread::uniform)};
+    if (work == "overwrite") {
+        return {fillRandomly(ranges), overwrites(ranges, ranges, Spread::uniform)};
+    }
+    throw std::invalid_argument("--of: no such work: " + work);
 }
 
 template <typename Map>
