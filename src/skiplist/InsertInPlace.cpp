@@ -63,10 +63,11 @@ bool InsertInPlace::continuesOverlapped() const {
     if (fusion.left) {
         if (!overlap.outRight) return false;
         const ByteRange fused{fusion.offset, static_cast<int>(fusion.len)};
-        return map.continues(fused, *neighbour->data, *overlap.last->index, *overlap.last->data);
+        return map.continues(fused, neighbour->location(), overlap.last->range(),
+                             overlap.last->location());
     }
     const auto continued = [&](const Node& stored) {
-        return map.continues(range, location, *stored.index, *stored.data);
+        return map.continues(range, location, stored.range(), stored.location());
     };
     return (overlap.outLeft && continued(*overlap.first)) ||
            (overlap.outRight && continued(*overlap.last));
@@ -117,9 +118,9 @@ InsertInPlace::Parts InsertInPlace::makeParts() const {
 // The location of the part [start, end) of a stored range, if it holds a buffer.
 void InsertInPlace::partOfBuffer(std::optional<FileLocation>& part, const Node& node,
                                  long long start, long long end) const {
-    if (!node.data->hasBuff()) return;
+    if (!node.location().hasBuff()) return;
     MemoryStat::checkMem(Data::charge);
-    part.emplace(*node.data, ByteRange::lengthOf(node.getOffset(), start),
+    part.emplace(node.location(), ByteRange::lengthOf(node.getOffset(), start),
                  ByteRange::lengthOf(start, end), map.sectorSize);
 }
 
@@ -151,9 +152,9 @@ void InsertInPlace::apply(Parts& parts) {
 void InsertInPlace::shorten(Node& node, long long start, long long end,
                             std::optional<FileLocation>& part) const {
     if (part) {
-        node.data->swap(*part);
+        node.location().swap(*part);
     } else {
-        node.data->skip(ByteRange::lengthOf(node.getOffset(), start), map.sectorSize);
+        node.location().skip(ByteRange::lengthOf(node.getOffset(), start), map.sectorSize);
     }
     setRange(node, start, ByteRange::lengthOf(start, end));
 }
@@ -161,12 +162,12 @@ void InsertInPlace::shorten(Node& node, long long start, long long end,
 // Between the same neighbours as before.
 void InsertInPlace::setRange(Node& node, long long start, int len) const {
     const long long formerStart = node.getOffset();
-    node.index->set(start, len);
+    node.range().set(start, len);
     map.signposts.moved(node, formerStart);
 }
 
 void InsertInPlace::addNew(Parts& parts) {
-    parts.added->data->swap(location);
+    parts.added->location().swap(location);
     map.size += plan.splits ? 2 : 1;
     if (plan.splits) link(std::move(parts.rest));
     link(std::move(parts.added));
@@ -180,7 +181,7 @@ void InsertInPlace::link(std::shared_ptr<Node> node) const {
 void InsertInPlace::changeKept() {
     setRange(*plan.kept, fusion.offset, static_cast<int>(fusion.len));
     // A range that grows to the right keeps its location, for its start stays where it is.
-    if (!fusion.left) plan.kept->data->swap(location);
+    if (!fusion.left) plan.kept->location().swap(location);
     if (neighbour == nullptr) map.path.passOver(*plan.kept);
 }
 

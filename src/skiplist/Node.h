@@ -61,6 +61,13 @@ class Node {
         return entries[position];
     }
 
+    // The parts in their places: `index` and `data`, read for their address, may be in another line
+    // of the cache.
+    ByteRange& range() { return own.index; }
+    const ByteRange& range() const { return own.index; }
+    FileLocation& location() { return own.data; }
+    const FileLocation& location() const { return own.data; }
+
     long long getOffset() const { return own.index.getOffset(); }
     int getLen() const { return own.index.getLen(); }
     long long getEnd() const { return own.index.getEnd(); }

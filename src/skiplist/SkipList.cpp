@@ -276,13 +276,13 @@ void SkipList::insert(const ByteRange& range, FileLocation& location) {
 SkipList::Fusion SkipList::fuse(const ByteRange& range, const FileLocation& location,
                                 const Node& left, const Node& right) const {
     Fusion fusion{false, false, range.getOffset(), range.getLen()};
-    if (&left != head.get() && continues(range, location, *left.index, *left.data) &&
+    if (&left != head.get() && continues(range, location, left.range(), left.location()) &&
         isLength(fusion.len + left.getLen())) {
         fusion.left = true;
         fusion.offset = left.getOffset();
         fusion.len += left.getLen();
     }
-    if (&right != tail.get() && continues(range, location, *right.index, *right.data) &&
+    if (&right != tail.get() && continues(range, location, right.range(), right.location()) &&
         isLength(fusion.len + right.getLen())) {
         fusion.right = true;
         fusion.len += right.getLen();
@@ -550,7 +550,7 @@ bool SkipList::compareAndSet(const ByteRange& range, const FileLocation& expecte
     // references to these would keep whole chains of replaced ones alive.
     std::vector<ByteRange> pieces;
     forEachOverlapped(range, [&](Node& node) {
-        if (!continues(*node.index, *node.data, range, expected)) return;
+        if (!continues(node.range(), node.location(), range, expected)) return;
         const long long start = std::max(node.getOffset(), range.getOffset());
         const long long end = std::min(node.getEnd(), range.getEnd());
         pieces.push_back({start, ByteRange::lengthOf(start, end)});
@@ -580,7 +580,8 @@ long long SkipList::compareAndRelease(const ByteRange& range, const FileLocation
     long long released = 0;
     forEachOverlapped(range, [&](Node& node) {
         if (node.getOffset() < range.getOffset() || node.getEnd() > range.getEnd()) return;
-        if (!touch(*node.index, range) || !runsOn(*node.index, *node.data, range, expected)) return;
+        if (!touch(node.range(), range) || !runsOn(node.range(), node.location(), range, expected))
+            return;
         released += node.releaseFileBuff();
     });
     return released;
