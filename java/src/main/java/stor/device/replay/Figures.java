@@ -24,6 +24,8 @@ final class Figures {
     /** Stands at the beginning of a JSON file, and tells it from others. */
     static final String MARK = "\"program\": \"block store replay\"";
 
+    private static final int MAX_TEXT = 30;
+
     private final List<Section> sections = new ArrayList<>();
 
     /** What a figure counts. */
@@ -147,7 +149,7 @@ final class Figures {
 
     private static void line(StringBuilder text, String name, String left, String right,
             String ratio) {
-        text.append(String.format(Locale.ROOT, "%-32s %20s %20s  %s%n", name, left, right, ratio)
+        text.append(String.format(Locale.ROOT, "%-32s %30s %30s  %s%n", name, left, right, ratio)
                 .replaceAll(" +(\\R)", "$1"));
     }
 
@@ -156,7 +158,8 @@ final class Figures {
             return "-";
         }
         if (!value.isNumber()) {
-            return value.getAsString();
+            String text = value.getAsString();
+            return text.length() <= MAX_TEXT ? text : text.substring(0, MAX_TEXT - 3) + "...";
         }
         double number = value.getAsDouble();
         return String.format(Locale.ROOT, number == Math.rint(number) ? "%,.0f" : "%,.3f", number);

@@ -83,7 +83,7 @@ final class RunFigures {
                 "of the sectors written held data already" + estimate);
         addRates(needs);
         needs.add("peakRanges", "ranges at the peak", peaks.ranges(), Unit.COUNT,
-                text("in all maps when they took most memory; at most %,d with buffers and %,d in"
+                text("in all maps when they took most memory; at most %,d in memory maps and %,d in"
                         + " files", peaks.memoryRanges(), peaks.fileRanges()));
         needs.add("peakNativeBytes", "native memory", peaks.recordBytes(), Unit.BYTES,
                 text("what the limit has to allow, snapshots included: %d bytes a range, %d more"

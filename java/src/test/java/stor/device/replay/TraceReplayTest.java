@@ -130,6 +130,8 @@ class TraceReplayTest {
         assertEquals(5000L * 512, needs.get("peakBufferBytes").getAsLong());
         assertEquals(5000L * 520, needs.get("peakFileBytes").getAsLong());
         assertEquals(0, needs.get("liveBytes").getAsLong());
+        assertEquals(0, run("--compare @figures @figures"), printed());
+        assertTrue(printed().matches("(?s).*  peakRanges +10,000 +10,000  =\n.*"), printed());
     }
 
     /** More than the buffers on the way: nothing may be lost where a pipe is looked into. */
