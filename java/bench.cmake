@@ -3,7 +3,7 @@
 find_required_jars(guava guava error-prone-annotations)
 
 list(JOIN guava " " guava_jars)
-file(CONFIGURE OUTPUT bench-manifest.txt CONTENT "Class-Path: skiplist-replay.jar ${guava_jars}\n")
+file(CONFIGURE OUTPUT bench-manifest.txt CONTENT "Class-Path: skiplist-replay.jar ${guava_jars}\nEnable-Native-Access: ALL-UNNAMED\n")
 find_sources(benchmarks src/bench/java/stor/device/bench)
 add_jar(skiplist-java-bench
   SOURCES ${benchmarks}

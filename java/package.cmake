@@ -8,7 +8,8 @@ Automatic-Module-Name: stor.device.skiplist
 ")
 
 # What the jar says of its libraries, for the loader.
-set(contents ${SKIPLIST_PLATFORM}=$<TARGET_FILE:skiplistjni> ${SKIPLIST_OTHER_LIBRARIES})
+set(contents ${SKIPLIST_PLATFORM}=${CMAKE_BINARY_DIR}/stripped/libskiplistjni.so
+  ${SKIPLIST_OTHER_LIBRARIES})
 list(TRANSFORM contents REPLACE "=.*" "" OUTPUT_VARIABLE platforms)
 list(SORT platforms)
 list(JOIN platforms ", " platforms)
@@ -40,7 +41,7 @@ add_custom_command(
   COMMAND ${CMAKE_COMMAND} -E copy ${properties} ${stage}/${resources}/build.properties
   COMMAND ${create_jar} --file ${jar} --manifest ${CMAKE_CURRENT_BINARY_DIR}/manifest.txt
     -C $<TARGET_PROPERTY:skiplist-classes,CLASSDIR> stor -C ${stage} ${resources}
-  DEPENDS ${libraries} skiplist-classes $<TARGET_PROPERTY:skiplist-classes,JAR_FILE>
+  DEPENDS ${libraries} skiplistjni skiplist-classes $<TARGET_PROPERTY:skiplist-classes,JAR_FILE>
     ${CMAKE_CURRENT_BINARY_DIR}/manifest.txt ${properties}
   COMMENT "Packaging skiplist-native.jar"
   VERBATIM)
@@ -76,12 +77,22 @@ add_custom_command(
   VERBATIM)
 add_custom_target(skiplist-documents ALL DEPENDS ${sources_jar} ${javadoc_jar})
 
+# A folder that Maven and Gradle take as a repository. They warn where checksums are missing.
 include(GNUInstallDirs)
-set(jars ${CMAKE_INSTALL_DATADIR}/java)
-install(FILES $<TARGET_FILE:skiplistjni> DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES ${jar} DESTINATION ${jars} RENAME ${name}.jar)
+set(repository ${CMAKE_INSTALL_DATADIR}/maven-repo/stor/device/skiplist-native/${version})
+install(FILES ${jar} DESTINATION ${repository} RENAME ${name}.jar)
 install(FILES ${sources_jar} ${javadoc_jar} ${CMAKE_CURRENT_BINARY_DIR}/${name}.pom
-  DESTINATION ${jars})
+  DESTINATION ${repository})
+install(CODE "
+  set(repository \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${repository}\")
+  foreach(file IN ITEMS ${name}.jar ${name}-sources.jar ${name}-javadoc.jar ${name}.pom)
+    foreach(algorithm IN ITEMS MD5 SHA1)
+      string(TOLOWER \${algorithm} suffix)
+      file(\${algorithm} \"\${repository}/\${file}\" checksum)
+      file(WRITE \"\${repository}/\${file}.\${suffix}\" \${checksum})
+    endforeach()
+  endforeach()")
+install(FILES $<TARGET_FILE:skiplistjni> DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
