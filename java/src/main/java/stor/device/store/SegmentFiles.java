@@ -102,7 +102,6 @@ final class SegmentFiles implements Closeable {
         Segment segment = new Segment(disk, id);
         segment.sealed = true;
         segment.bytes = length;
-        next = Math.max(next, id + 1);
         add(segment);
     }
 

@@ -9,6 +9,7 @@ import io.netty.buffer.ByteBuf;
 import io.netty.buffer.Unpooled;
 import java.io.IOException;
 import java.nio.file.Path;
+import java.util.Arrays;
 import java.util.List;
 import java.util.Random;
 import org.junit.jupiter.api.AfterEach;
@@ -24,6 +25,8 @@ class BlockStoreTest {
     private static final int FRAME = SECTOR + Frames.TRAILER_BYTES;
     private static final int SECTORS = 256;
     private static final int SECTORS_IN_A_SEGMENT = 8;
+
+    private static final int BUFFER_BYTES = 128 << 10;
 
     private final MemoryDisk memory = new MemoryDisk();
     private final FaultyDisk disk = new FaultyDisk(memory);
@@ -98,11 +101,18 @@ class BlockStoreTest {
         int huge = Integer.MAX_VALUE / SECTOR * SECTOR;
         write(0, 40);
         for (long start : new long[] {0, huge - 4L * SECTOR, 3L * huge, 2L * huge - SECTOR, 0}) {
+            ByteBuf far = Unpooled.buffer().writeZero(SECTOR);
+            for (long end : new long[] {start, start + huge - SECTOR, start + huge}) {
+                store.write(end, far);
+            }
+            store.flush();
+            far.release();
             store.discard(start, huge);
             store.flush();
             store.discard(start + SECTOR, huge);
             store.discard(start, huge);
         }
+        model.note(new Request(0, 1, 0));
         model.note(new Request(0, 40, 0));
         model.check(store::read);
         write(8, 3);
@@ -128,9 +138,16 @@ class BlockStoreTest {
         });
         assertThrows(IllegalStateException.class, store::flush);
         assertEquals(1, small.refCnt());
+        store.write(2 * SECTOR, small);
+        assertEquals(large.readableBytes() + 2 * SECTOR, store.stats().bufferedBytes());
         store.onStep(step -> { });
         store.flush();
         assertEquals(1, large.refCnt());
+        for (int i = 0; i < 40; i++) {
+            store.write(0, large);
+        }
+        assertTrue(store.stats().peaks().bufferedBytes() <= BUFFER_BYTES);
+        assertTrue(large.refCnt() <= 1 + BUFFER_BYTES / large.readableBytes());
     }
 
     @Test
@@ -167,6 +184,25 @@ class BlockStoreTest {
         store.flush();
         compactAll();
         assertEquals(List.of(), store.stats().damagedSectors());
+    }
+
+    @Test
+    void anOlderFrameOfTheSameSectorIsNoticed() throws IOException {
+        open(disk, 1 << 20);
+        for (int place = 1; place < 2 * SECTORS_IN_A_SEGMENT; place++) {
+            write(0, 1);
+            store.flush();
+            byte[] oldest = memory.bytes(SegmentFiles.name(0));
+            byte[] newest = memory.bytes(SegmentFiles.name((place - 1) / SECTORS_IN_A_SEGMENT));
+            int at = (place - 1) % SECTORS_IN_A_SEGMENT * FRAME;
+            byte[] right = Arrays.copyOfRange(newest, at, at + FRAME);
+            System.arraycopy(oldest, 0, newest, at, FRAME);
+            if (place > 1) {
+                assertThrows(IOException.class, () -> store.read(0, SECTOR));
+            }
+            System.arraycopy(right, 0, newest, at, FRAME);
+            model.check(store::read);
+        }
     }
 
     @Test
@@ -325,7 +361,7 @@ class BlockStoreTest {
 
     private static StoreSettings settings(long memoryLimit) {
         return new StoreSettings(
-                SECTOR, SECTORS_IN_A_SEGMENT * FRAME, 1 << 20, memoryLimit, 8);
+                SECTOR, SECTORS_IN_A_SEGMENT * FRAME, BUFFER_BYTES, memoryLimit, 8);
     }
 
     /** Leaves segments that are at most half live. */

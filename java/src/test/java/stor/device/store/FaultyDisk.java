@@ -2,6 +2,7 @@ package stor.device.store;
 
 import java.io.IOException;
 import java.nio.ByteBuffer;
+import java.nio.file.NoSuchFileException;
 import java.util.List;
 import java.util.Random;
 
@@ -13,6 +14,7 @@ final class FaultyDisk implements Disk {
     private long first = Long.MAX_VALUE;
     private long last;
     private boolean dies;
+    private volatile boolean refused;
     private long steps;
 
     FaultyDisk(Disk disk) {
@@ -36,6 +38,11 @@ final class FaultyDisk implements Disk {
         return steps >= first;
     }
 
+    /** Tells whether it was ever full or has ever failed. */
+    boolean hasRefused() {
+        return refused;
+    }
+
     void setCapacity(long bytes) {
         capacity = bytes;
     }
@@ -43,7 +50,11 @@ final class FaultyDisk implements Disk {
     long used() throws IOException {
         long sum = 0;
         for (String name : disk.names()) {
-            sum += disk.size(name);
+            try {
+                sum += disk.size(name);
+            } catch (NoSuchFileException e) {
+                // Deleted meanwhile.
+            }
         }
         return sum;
     }
@@ -65,6 +76,7 @@ final class FaultyDisk implements Disk {
         } else if (steps == first) {
             (random.nextBoolean() ? work : part).run();
         }
+        refused = true;
         throw new IOException("injected at step " + steps);
     }
 
@@ -128,6 +140,7 @@ final class FaultyDisk implements Disk {
             step(() -> write(bytes, fits, position),
                     () -> write(bytes, Math.min(part, fits), position));
             if (bytes.hasRemaining()) {
+                refused = true;
                 throw new IOException("No space left on device");
             }
         }

@@ -3,8 +3,10 @@ package stor.device.store;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.io.IOException;
+import java.nio.file.Path;
 import java.util.Random;
 import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.io.TempDir;
 import stor.device.store.DeviceModel.Request;
 
 /** A store on disks that lose power, fail and fill up, at every step that it makes in turn. */
@@ -126,5 +128,16 @@ class StoreFaultsTest {
                 }
             }
         }
+    }
+
+    @Test
+    void aKilledProcessKeepsWhatItHadFlushed(@TempDir Path folder) throws Exception {
+        long requests = KilledStore.run(folder, Integer.getInteger("store.test.kills", 4));
+        assertTrue(requests > 100, "requests: " + requests);
+    }
+
+    @Test
+    void aStormOfEverythingLosesNothing(@TempDir Path folder) throws Exception {
+        assertTrue(StoreStorm.run(folder, 4000).requests() > 1000);
     }
 }
