@@ -34,9 +34,8 @@ final class Journal implements Closeable {
     /** The most bytes of changes in a batch. */
     static final int BATCH_BYTES = 1 << 20;
 
-    private static final long LEAST_TAIL_BYTES = 4 << 20;
-
     private final Disk disk;
+    private final long leastTail;
     private DiskFile file;
     private long checkpointEnd;
     private long end;
@@ -45,14 +44,15 @@ final class Journal implements Closeable {
     private boolean nameDoubtful;
 
     /** Makes a journal that has no file yet. */
-    Journal(Disk disk) {
+    Journal(Disk disk, StoreSettings settings) {
         this.disk = disk;
+        leastTail = settings.segmentBytes();
     }
 
     /** Goes on with a file that was read up to its last whole batch; what is behind goes. */
-    Journal(Disk disk, DiskFile file, long checkpointEnd, long end, long number)
-            throws IOException {
-        this.disk = disk;
+    Journal(Disk disk, StoreSettings settings, DiskFile file, long checkpointEnd, long end,
+            long number) throws IOException {
+        this(disk, settings);
         this.file = file;
         this.checkpointEnd = checkpointEnd;
         this.end = end;
@@ -107,7 +107,7 @@ final class Journal implements Closeable {
 
     /** Tells whether reading the changes would take longer than reading a new checkpoint. */
     boolean isLong() {
-        return end - checkpointEnd > Math.max(LEAST_TAIL_BYTES, 2 * checkpointEnd);
+        return end - checkpointEnd > Math.max(leastTail, 2 * checkpointEnd);
     }
 
     long bytes() {

@@ -124,7 +124,7 @@ final class Recovery {
             }
         }
         map = OffHeapRangeMap.create(settings.height(), settings.sectorSize());
-        journal = new Journal(disk);
+        journal = new Journal(disk, settings);
         journal.checkpoint(map, sequence, nextSegment);
     }
 
@@ -147,7 +147,7 @@ final class Recovery {
             number++;
         }
         requireNoneLater(end, number);
-        journal = new Journal(disk, file, reader.position, end, number);
+        journal = new Journal(disk, settings, file, reader.position, end, number);
     }
 
     private void readHeader() throws IOException {

@@ -13,7 +13,7 @@ final class FaultyDisk implements Disk {
     private volatile long capacity = Long.MAX_VALUE;
     private long first = Long.MAX_VALUE;
     private long last;
-    private boolean dies;
+    private long death = Long.MAX_VALUE;
     private volatile boolean refused;
     private long steps;
 
@@ -30,12 +30,12 @@ final class FaultyDisk implements Disk {
 
     /** Does nothing any more from a step on, but perhaps that one. */
     synchronized void die(long from) {
-        fail(from, Long.MAX_VALUE);
-        dies = true;
+        steps = 0;
+        death = from;
     }
 
     synchronized boolean hasFailed() {
-        return steps >= first;
+        return steps >= Math.min(first, death);
     }
 
     /** Tells whether it was ever full or has ever failed. */
@@ -67,13 +67,13 @@ final class FaultyDisk implements Disk {
     /** Does the work or fails, and then may have done it, or a part. */
     private synchronized void step(Work work, Work part) throws IOException {
         steps++;
-        if (steps < first || steps > last) {
+        if (steps < death && (steps < first || steps > last)) {
             work.run();
             return;
         }
-        if (!dies) {
+        if (steps < death) {
             part.run();
-        } else if (steps == first) {
+        } else if (steps == death) {
             (random.nextBoolean() ? work : part).run();
         }
         refused = true;
