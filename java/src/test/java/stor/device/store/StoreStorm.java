@@ -230,6 +230,7 @@ public final class StoreStorm {
         try {
             disk.setCapacity(Long.MAX_VALUE);
             if (!disk.hasFailed()) {
+                disk.die(Long.MAX_VALUE);
                 store.flush();
                 store.defragment();
             }
