@@ -122,6 +122,63 @@ final class RangeModel {
         return release(there -> true);
     }
 
+    /** Takes the buffers of the ranges that lie inside a range. */
+    long releaseInside(MappedRange range) {
+        return release(there -> there.offset() >= range.offset() && there.end() <= range.end());
+    }
+
+    /** Gives the pieces of stored ranges that lie in a range. */
+    List<MappedRange> stored(MappedRange range) {
+        List<MappedRange> pieces = new ArrayList<>();
+        for (Held there : overlapped(range.offset(), range.end())) {
+            long from = Math.max(there.offset(), range.offset());
+            long to = Math.min(there.end(), range.end());
+            if (!there.range().isHole()) {
+                pieces.add(new MappedRange(from, (int) (to - from), there.range().memoryType(),
+                        there.range().location().plus(from - there.offset(), sectorSize)));
+            }
+        }
+        return pieces;
+    }
+
+    /**
+     * Makes one hole of what is stored in a range, together with all holes up to the stored ranges
+     * on both sides, as far as a length goes.
+     */
+    long remove(MappedRange range) {
+        List<MappedRange> pieces = stored(range);
+        if (pieces.isEmpty()) {
+            return 0;
+        }
+        long from = pieces.get(0).offset();
+        long to = pieces.get(pieces.size() - 1).end();
+        // What sticks out keeps the hole from the others.
+        int after = firstStartingFrom(to, 0);
+        if (held.get(after - 1).end() == to) {
+            while (after < held.size() && held.get(after).range().isHole()
+                    && held.get(after).end() - from <= LONGEST) {
+                to = held.get(after++).end();
+            }
+        }
+        int first = firstEndingAfter(from);
+        if (held.get(first).offset() == from) {
+            while (--first >= 0 && held.get(first).range().isHole()
+                    && to - held.get(first).offset() <= LONGEST) {
+                from = held.get(first).offset();
+            }
+        }
+        insert(new MappedRange(from, (int) (to - from), false, FileLocation.EMPTY), NO_BUFFER);
+        return pieces.stream().mapToLong(MappedRange::len).sum();
+    }
+
+    /** Forgets all. */
+    void clear() {
+        held.clear();
+        coveredBytes = 0;
+        insertedBytes = 0;
+        insertCount = 0;
+    }
+
     void copyTo(RangeModel destination) {
         held.forEach(there -> destination.insert(there.range(), there.write()));
     }

@@ -2,7 +2,10 @@ package stor.device.skiplist;
 
 import io.netty.buffer.ByteBuf;
 import io.netty.buffer.Unpooled;
+import java.io.IOException;
+import java.util.ArrayList;
 import java.util.Arrays;
+import java.util.Collections;
 import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
@@ -144,6 +147,8 @@ final class Verification implements AutoCloseable {
             both("compareAndSet to " + to + " from", expected,
                     () -> pair.map().compareAndSet(expected, to),
                     () -> pair.model().compareAndSet(expected, to));
+        } else if (choice < 520 && pair.map() instanceof VerifiedMap.Layer layer) {
+            changeLayer(layer.map(), pair.model(), range);
         } else {
             insert(pair, range);
         }
@@ -178,6 +183,47 @@ final class Verification implements AutoCloseable {
             pair.map().close();
         }
         compareReferences(Map.of());
+    }
+
+    /** What only the layer does. */
+    private void changeLayer(OffHeapRangeMap map, RangeModel model, MappedRange range) {
+        long offset = range.offset();
+        int len = range.len();
+        FileLocation to = range.location();
+        int choice = random.nextInt(32);
+        if (choice == 0) {
+            both("clear", range, () -> {
+                map.clear();
+                return null;
+            }, () -> {
+                model.clear();
+                return null;
+            });
+        } else if (choice < 12 && profile != Profile.LONG && profile != Profile.ENDS) {
+            // Where holes may be too long to be said, they are made in parts.
+            both("remove", range, () -> map.remove(offset, len), () -> model.remove(range));
+        } else if (choice < 18) {
+            both("releaseBuffers", range, () -> map.releaseBuffers(offset, len),
+                    () -> model.releaseInside(range));
+        } else if (choice < 24) {
+            FileLocation expected = expectation(model, range);
+            both("redirect from " + expected + " to", range,
+                    () -> map.redirect(offset, len, expected, to), () -> {
+                        long before = model.insertedBytes();
+                        model.compareAndSet(at(range, expected), to);
+                        return model.insertedBytes() - before;
+                    });
+        } else {
+            both("replace", range, () -> {
+                List<MappedRange> pieces = new ArrayList<>();
+                map.atomically(() -> map.replace(offset, len, to, pieces::add));
+                return pieces;
+            }, () -> {
+                List<MappedRange> pieces = model.stored(range);
+                model.insert(range, RangeModel.NO_BUFFER);
+                return pieces;
+            });
+        }
     }
 
     private void insert(Pair pair, MappedRange range) {
@@ -247,21 +293,75 @@ final class Verification implements AutoCloseable {
                 pair.model().find(query.offset(), query.len()),
                 reader -> pair.map().forEach(query.offset(), query.len(), reader), false);
         if (pair.map() instanceof VerifiedMap.Layer layer) {
-            OffHeapRangeMap map = layer.map();
-            List<Held> all = pair.model().all().stream()
-                    .filter(held -> !held.range().isHole()).toList();
-            long position = random.nextInt(8) > 0 ? query.offset() : random.nextLong();
-            requireEqual("first", found(all, 0), map.first());
-            requireEqual("last", found(all, all.size() - 1), map.last());
-            int after = 0;
-            while (after < all.size() && all.get(after).offset() < position) {
-                after++;
-            }
-            requireEqual("ceiling of " + position, found(all, after), map.ceiling(position));
-            boolean there = after < all.size() && all.get(after).offset() == position;
-            requireEqual("floor of " + position,
-                    found(all, there ? after : after - 1), map.floor(position));
+            queryLayer(layer.map(), pair.model(), query);
         }
+    }
+
+    private void queryLayer(OffHeapRangeMap map, RangeModel model, MappedRange query) {
+        List<Held> all = model.all().stream().filter(held -> !held.range().isHole()).toList();
+        long position = random.nextInt(8) > 0 ? query.offset() : random.nextLong();
+        requireEqual("first", found(all, 0), map.first());
+        requireEqual("last", found(all, all.size() - 1), map.last());
+        requireEqual("isEmpty", all.isEmpty(), map.isEmpty());
+        int after = 0;
+        while (after < all.size() && all.get(after).offset() < position) {
+            after++;
+        }
+        int there = after < all.size() && all.get(after).offset() == position ? 1 : 0;
+        requireEqual("lower than " + position, found(all, after - 1), map.lower(position));
+        requireEqual("floor of " + position, found(all, after + there - 1), map.floor(position));
+        requireEqual("ceiling of " + position, found(all, after), map.ceiling(position));
+        requireEqual("higher than " + position, found(all, after + there), map.higher(position));
+        requireEqual("get " + position, all.stream().map(Held::range)
+                .filter(range -> range.contains(position)).findFirst()
+                .map(range -> new MappedRange(position, (int) (range.end() - position),
+                        range.memoryType(),
+                        range.location().plus(position - range.offset(), sectorSize))),
+                map.get(position));
+        requireEqual("ranges", model.find(query.offset(), query.len()).stream().map(Held::range)
+                .filter(range -> !range.isHole()).toList(),
+                map.ranges(query.offset(), query.len()));
+        long bytes = all.stream().mapToLong(Held::len).sum();
+        List<Held> buffered = all.stream().filter(Held::isBuffered).toList();
+        requireEqual("statistics", new MapStatistics(all.size(), model.all().size() - all.size(),
+                bytes, buffered.size(), buffered.stream().mapToLong(Held::len).sum(),
+                384 + 104L * model.all().size() + 32L * buffered.size()), map.statistics());
+        visitBadly(map, model, query);
+    }
+
+    /** Visits backwards as one should not: stops, throws, overflows the stack, uses both maps. */
+    private void visitBadly(OffHeapRangeMap map, RangeModel model, MappedRange query) {
+        List<Held> expected = model.find(query.offset(), query.len());
+        int last = random.nextInt(1 + expected.size());
+        int manner = random.nextInt(64);
+        List<MappedRange> seen = new ArrayList<>();
+        try {
+            map.forEachDescending(query.offset(), query.len(),
+                    (offset, len, number, fileOffset, major, minor, visited) -> {
+                        seen.add(new MappedRange(offset, len, visited.isMemoryType(),
+                                new FileLocation(number, fileOffset, major, minor)));
+                        for (Pair pair : pairs) {
+                            ((VerifiedMap.Layer) pair.map()).map().get(offset);
+                        }
+                        if (seen.size() > last && manner == 0) {
+                            overflow();
+                        }
+                        if (seen.size() > last && manner < 32) {
+                            throw new IOException("enough");
+                        }
+                        return seen.size() <= last;
+                    });
+        } catch (IOException | StackOverflowError e) {
+            requireEqual("visits before " + e, last + 1, seen.size());
+        }
+        List<MappedRange> wanted = new ArrayList<>(expected.stream().map(Held::range).toList());
+        Collections.reverse(wanted);
+        requireEqual("visited backwards",
+                wanted.subList(0, Math.min(last + 1, wanted.size())), seen);
+    }
+
+    private static int overflow() {
+        return 1 + overflow();
     }
 
     private static Optional<MappedRange> found(List<Held> all, int index) {

@@ -50,6 +50,13 @@ class MisuseTest {
                 new Call("compareAndSet", map -> map.compareAndSet(0, LENGTH, AT, AT)),
                 new Call("compareAndRelease", map -> map.compareAndRelease(0, LENGTH, AT)),
                 new Call("release", OffHeapRangeMap::release),
+                new Call("releaseBuffers", map -> map.releaseBuffers(0, LENGTH)),
+                new Call("redirect", map -> map.redirect(0, LENGTH, AT, AT)),
+                new Call("remove", map -> map.remove(0, LENGTH)),
+                new Call("replace", map -> map.replace(0, LENGTH, AT, range -> { })),
+                new Call("replace", map -> map.replace(0, LENGTH, AT, BUFFER, range -> { })),
+                new Call("clear", OffHeapRangeMap::clear),
+                new Call("atomically", map -> map.atomically(() -> { })),
                 new Call("copyTo", map -> withOther(map, (it, other) -> other.copyTo(it))));
     }
 
@@ -59,7 +66,17 @@ class MisuseTest {
                 new Call("copyTo", map -> withOther(map, OffHeapRangeMap::copyTo)),
                 new Call("forEach", map -> map.forEach(IGNORE)),
                 new Call("forEach", map -> map.forEach(0, LENGTH, IGNORE)),
+                new Call("forEachWhile",
+                        map -> map.forEachWhile(0, LENGTH, (o, l, n, f, a, b, range) -> true)),
+                new Call("forEachDescending", map -> map.forEachDescending(
+                        0, LENGTH, (o, l, n, f, a, b, range) -> true)),
+                new Call("read", map -> map.read(0, LENGTH, new RangeBatch(1))),
                 new Call("ranges", map -> map.ranges(0, LENGTH)),
+                new Call("get", map -> map.get(0)),
+                new Call("retainedBuffer", map -> map.retainedBuffer(0)),
+                new Call("lower", map -> map.lower(0)),
+                new Call("higher", map -> map.higher(0)),
+                new Call("statistics", OffHeapRangeMap::statistics),
                 new Call("floor", map -> map.floor(0)),
                 new Call("ceiling", map -> map.ceiling(0)),
                 new Call("first", OffHeapRangeMap::first),
@@ -110,6 +127,7 @@ class MisuseTest {
         return Stream.of(
                 new Call("insert", map -> map.insert(offset, len, AT)),
                 new Call("insert", map -> map.insert(offset, len, AT, BUFFER)),
+                new Call("remove", map -> map.remove(offset, len)),
                 new Call("compareAndSet", map -> map.compareAndSet(offset, len, AT, AT)),
                 new Call("compareAndRelease", map -> map.compareAndRelease(offset, len, AT)),
                 new Call("forEach", map -> map.forEach(offset, len, IGNORE)),
