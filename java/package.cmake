@@ -41,6 +41,7 @@ add_custom_command(
   COMMAND ${CMAKE_COMMAND} -E copy ${properties} ${stage}/${resources}/build.properties
   COMMAND ${create_jar} --file ${jar} --manifest ${CMAKE_CURRENT_BINARY_DIR}/manifest.txt
     -C $<TARGET_PROPERTY:skiplist-classes,CLASSDIR> stor -C ${stage} ${resources}
+    -C ${CMAKE_CURRENT_SOURCE_DIR}/src/main/resources META-INF/native-image
   DEPENDS ${libraries} skiplistjni skiplist-classes $<TARGET_PROPERTY:skiplist-classes,JAR_FILE>
     ${CMAKE_CURRENT_BINARY_DIR}/manifest.txt ${properties}
   COMMENT "Packaging skiplist-native.jar"

@@ -23,8 +23,8 @@
  * In a map whose ranges are spread over 2^31 bytes and more, an insert costs two queries more from
  * the first request on that does not begin and end on a sector, or whose place does not lie within
  * the first 2^31-1 bytes of its file; so does, always, one of an empty location. Lists and
- * {@code Optional} results make objects and are for convenience. So are {@code floor} and
- * {@code last}, which may need some 64 queries.
+ * {@code Optional} results make objects and are for convenience. So are {@code floor},
+ * {@code lower}, {@code last} and {@code remove}, which may need some 64 queries and more.
  *
  * <h2>Threads</h2>
  *

@@ -45,8 +45,7 @@ class ChildJvmTest {
     private static final String VERSION = System.getProperty("skiplist.test.version");
     private static final Path LIBRARY = Path.of(System.getProperty("skiplist.test.library"));
     private static final Path PROJECT = Path.of(System.getProperty("skiplist.test.project"));
-    private static final Path TUTORIAL =
-            PROJECT.resolve("java/src/test/java/stor/device/skiplist/Tutorial.java");
+    private static final Path EXAMPLES = PROJECT.resolve("java/examples");
     private static final String CLASS_PATH = System.getProperty("java.class.path");
     private static final String USER_PATH = System.getProperty("skiplist.test.user.path");
     private static final int EXITS = Integer.getInteger("skiplist.test.exits", 15);
@@ -106,9 +105,11 @@ class ChildJvmTest {
                         "skiplist.leakDetection: frequently (expected: off, sampled or always)"),
                 child(0, BufferLoser.class, List.of("-Dio.netty.leakDetection.level=paranoid"),
                         "LEAK: ByteBuf.release() was not called", "Hint: OffHeapRangeMap#1"),
-                new Child(0, List.of("-cp", USER_PATH, TUTORIAL.toString()), List.of(
-                        "0: 4096 bytes in file 3 at 0\n"
-                                + "4096: 512 bytes in file 4 at 0, and in memory\n")),
+                example("Tutorial", "0: 4096 bytes in file 3 at 0\n"
+                        + "4096: 512 bytes in file 4 at 0, and in memory\n"),
+                example("CacheIndex", "miss\nmemory: 1\nfile at 9360\n4096 bytes of garbage, "
+                        + "MapStatistics[ranges=2, holes=1, coveredBytes=8192, buffers=0, "),
+                example("SnapshotWhileWriting", "10000 ranges of version 1 of 10000\n"),
                 new Child(0, List.of("-cp", USER_PATH, Verifier.class.getName(), "0", "42"),
                         List.of("PASS: 1000 operations, seeds 42 to 42, Java ")),
                 new Child(2, List.of("-cp", USER_PATH, Verifier.class.getName(), "soon"),
@@ -179,12 +180,19 @@ class ChildJvmTest {
         }
     }
 
+    private static Child example(String name, String output) {
+        return new Child(0, List.of("-cp", USER_PATH, EXAMPLES.resolve(name + ".java").toString()),
+                List.of(output));
+    }
+
     @Test
     void theFirstExampleOfTheReadmeIsTheTutorial() throws Exception {
         String[] readme = Files.readString(PROJECT.resolve("README.md")).split("```java\n|```");
-        String tutorial = Files.readString(TUTORIAL).split("// README: [a-z]+\n")[1];
-        // The second mark is indented, too.
-        assertEquals(tutorial.stripIndent().stripTrailing(), readme[1].stripTrailing());
+        String[] tutorial =
+                Files.readString(EXAMPLES.resolve("Tutorial.java")).split("// README: [a-z]+\n");
+        // The last mark is indented, too.
+        assertEquals(tutorial[1] + "\n" + tutorial[3].stripIndent().stripTrailing(),
+                readme[1].stripTrailing());
     }
 
     @ParameterizedTest

@@ -1,16 +1,20 @@
-package stor.device.skiplist;
+package example;
 
+// README: imports
 import io.netty.buffer.ByteBuf;
 import io.netty.buffer.Unpooled;
+import stor.device.skiplist.FileLocation;
+import stor.device.skiplist.OffHeapRangeMap;
+// README: class
 
-/** A first program. The README shows the lines between the two marks. */
+/** A first program. The README shows the lines between the marks. */
 public final class Tutorial {
     private Tutorial() {
     }
 
     /** Prints the ranges around an overwritten one. */
     public static void main(String[] args) {
-        // README: begin
+        // README: body
         ByteBuf buffer = Unpooled.wrappedBuffer(new byte[512]);
         FileLocation place = new FileLocation(4, 0, 2, 0);         // file 4 at 0, version 2.0
         try (OffHeapRangeMap map = OffHeapRangeMap.create(12, 512)) { // 12 levels, 512-byte sectors
