@@ -46,6 +46,7 @@ public final class KilledStore {
         for (String name : List.of("journal", "lock", "reserve")) {
             Files.deleteIfExists(folder.resolve(name));
         }
+        Files.delete(folder);
     }
 
     /** Kills that often; gives how many requests the processes had begun. */
