@@ -46,7 +46,8 @@ std::shared_ptr<Stats>& referenceIn(ThreadAccount& account) {
 //
 // Made when the library is loaded and gone when it is unloaded, after which the system calls
 // nobody: the records of threads that still live then stay allocated. So do those of threads that
-// end where the system had no key left to give, or no memory to remember a thread's account.
+// end where the system had no key left to give, or no memory to remember a thread's account. What
+// nothing in the library can exclude: a thread inside `drop` while the library is unmapped.
 class DropAtThreadEnd {
   public:
     DropAtThreadEnd() : isMade(pthread_key_create(&key, drop) == 0) {}
