@@ -185,6 +185,10 @@ bool Signposts::agreesWith(const Node& head, const Node& tail) const {
         const Chunk& chunk = *chunks[i];
         if (chunk.count == 0 && chunks.size() > 1) return false;
         if (i > 0 && bounds[i - 1] != chunk.starts.front()) return false;
+        if (static_cast<std::size_t>(std::ranges::count(chunk.starts, never)) + chunk.count !=
+            chunk.starts.size()) {
+            return false;
+        }
         for (std::size_t entry = 0; entry < chunk.count; ++entry) {
             if (chunk.nodes[entry] != node || chunk.starts[entry] != node->getOffset())
                 return false;
