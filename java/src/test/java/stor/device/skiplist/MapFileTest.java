@@ -17,7 +17,6 @@ import java.util.List;
 import java.util.Random;
 import java.util.zip.CRC32C;
 import org.junit.jupiter.api.Test;
-import stor.device.bench.Sweep;
 
 /** Maps in files: what was saved is loaded, and what is damaged is refused. */
 class MapFileTest {
@@ -85,7 +84,7 @@ class MapFileTest {
     /** Half of the mutants get checksums that fit, so that what is behind these is tried, too. */
     @Test
     void whatIsDamagedIsRefusedAndLeavesNothing() throws Exception {
-        long before = Sweep.bytesInUse();
+        long before = NativeMemory.openMaps();
         List<byte[]> files = new ArrayList<>();
         for (int size : new int[] {0, 1, 3, 40}) {
             try (OffHeapRangeMap map = randomMap(size)) {
@@ -113,8 +112,8 @@ class MapFileTest {
         }
         assertTrue(refused > MUTANTS / 2, "refused: " + refused);
         // Maps that other tests have lost may go meanwhile.
-        long after = Sweep.bytesInUse();
-        assertTrue(after <= before, after + " bytes (expected: at most " + before + ")");
+        long after = NativeMemory.openMaps();
+        assertTrue(after <= before, after + " open maps (expected: at most " + before + ")");
     }
 
     private byte[] mutate(byte[] file) {
