@@ -27,7 +27,7 @@ make_chroot() {
     rm -rf --one-file-system "$root"
     mkdir -p "$chroots"
     mmdebstrap --quiet "$@" "$suite" "$root"
-    mkdir -p "$root"/{proc,sys,dev,tmp,root,work}
+    mkdir -p "$root"/{proc,sys,dev,tmp,root,checkout}
 }
 
 # inside NAME COMMAND...: runs a command there, with its own view of mounts and processes. What
