@@ -159,7 +159,13 @@ public final class ReplayOptions {
         if (arg.equals("-h") || arg.equals("--help")) {
             help = true;
         } else if (arg.startsWith("--") && equals > 0) {
-            set(arg.substring(0, equals), List.of(arg.substring(equals + 1)).iterator());
+            String name = arg.substring(0, equals);
+            Iterator<String> value = List.of(arg.substring(equals + 1)).iterator();
+            set(name, value);
+            if (value.hasNext()) {
+                throw new IllegalArgumentException(
+                        name + ": '" + TraceFormat.shown(value.next()) + "' (expected: no value)");
+            }
         } else if (arg.startsWith("-") && !arg.equals("-")) {
             set(arg, rest);
         } else if (trace != null) {

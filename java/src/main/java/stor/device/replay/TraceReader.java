@@ -194,7 +194,9 @@ public final class TraceReader implements AutoCloseable {
         }
         long micros = request.micros() - start;
         lastMicros = Math.max(lastMicros, micros);
-        if (micros < selection.fromMicros || micros >= selection.toMicros) {
+        // Some traces are not in order: without a window, what is older than the first counts, too.
+        boolean isTooEarly = selection.fromMicros > 0 && micros < selection.fromMicros;
+        if (isTooEarly || micros >= selection.toMicros) {
             return null;
         }
         return new Request(request.kind(), place(entry.device()) * TraceFormat.MAX_DEVICE_BYTES + request.offset(),

@@ -41,6 +41,7 @@ class TraceReplayTest {
         write("odd", "1 W 0 512\nx\n2 R 0 512\n");
         write("head.csv", "time,host,disk,kind,offset,length,response\n");
         write("later", "1 W 0 512\n2000001 R 0 512\n");
+        write("backwards", "9 W 0 512\n1 W 512 512\n5 R 0 1024\n");
         Files.write(folder.resolve("cut.gz"), Arrays.copyOf(gzip("1 W 0 512\n".repeat(9000)), 70));
         Files.createDirectory(folder.resolve("folder"));
         Files.createSymbolicLink(folder.resolve("link"), folder.resolve("ok"));
@@ -52,6 +53,7 @@ class TraceReplayTest {
         "--speed 1 @ok              | --speed: unknown option",
         "-x @ok                     | -x: unknown option",
         "--seed                     | --seed: '' (expected: a value)",
+        "--skip-bad=no @ok          | --skip-bad: 'no' (expected: no value)",
         "--repeat 0 @ok             | --repeat: '0' (expected: a number from 1 to 2147483647)",
         "--segment-size 9G @ok      | --segment-size: '9G' (expected: a number",
         "--sector-size=1k @ok       | sector size: 1024 (expected: 512 or 4096)",
@@ -97,6 +99,7 @@ class TraceReplayTest {
         "@odd                                | 2 | odd:2: 'x' (expected: <microseconds> <R|W|D>",
         "@cut.gz                             | 2 | the compressed data end too early",
         "--memory-limit 1 @ok                | 2 | --memory-limit gives the maps more",
+        "@backwards                          | 0 | load       3 requests: 66.7 % writes",
         "--skip-bad @odd                     | 0 | lines skipped                      1",
         "--requests 1k --buffer-size 4k @ok  | 0 | every one of them right",
         "--device a.0 --sector-size 4K @disks| 0 | working set                        12,288",
