@@ -38,14 +38,18 @@ final class Segment {
     }
 
     synchronized void truncate(int length) throws IOException {
-        file.truncate(length);
+        open().truncate(length);
     }
 
     synchronized void read(ByteBuffer frames, int position) throws IOException {
+        open().read(frames, position);
+    }
+
+    private DiskFile open() throws IOException {
         if (file == null) {
             file = disk.open(name());
         }
-        file.read(frames, position);
+        return file;
     }
 
     /** Closes the file until it is read again. */

@@ -6,6 +6,7 @@ import java.nio.ByteBuffer;
 import java.util.ArrayList;
 import java.util.LinkedHashSet;
 import java.util.List;
+import java.util.Locale;
 import java.util.Map;
 import java.util.OptionalLong;
 import java.util.Set;
@@ -33,7 +34,7 @@ final class SegmentFiles implements Closeable {
     private final Disk disk;
     private final Map<Long, Segment> byId = new TreeMap<>();
     private final List<Segment> garbage = new ArrayList<>();
-    /** Those that are read, the one that was read last at the end. */
+    /** The sealed ones that may be open, the one that was used last at the end. */
     private final Set<Segment> opened = new LinkedHashSet<>();
     private long next;
     private long bytes;
@@ -61,7 +62,7 @@ final class SegmentFiles implements Closeable {
     }
 
     static String name(long id) {
-        return PREFIX + String.format("%06d", id);
+        return PREFIX + String.format(Locale.ROOT, "%06d", id);
     }
 
     /** Gives the count of the segment with that file name, or nothing if it is no segment's. */
@@ -158,14 +159,14 @@ final class SegmentFiles implements Closeable {
     /** Reads frames of a pinned segment; closes another's file if too many are open. */
     void read(Segment segment, ByteBuffer frames, int position) throws IOException {
         segment.read(frames, position);
-        Segment longest = noteRead(segment);
+        Segment longest = noteUsed(segment);
         if (longest != null) {
             longest.rest();
         }
     }
 
-    /** Gives the segment that was not read for longest, if too many are open. */
-    private synchronized Segment noteRead(Segment segment) {
+    /** Gives the segment that was not used for longest, if too many are open. */
+    private synchronized Segment noteUsed(Segment segment) {
         if (!segment.sealed) {
             return null;
         }
@@ -181,8 +182,20 @@ final class SegmentFiles implements Closeable {
 
     // --- Going -----------------------------------------------------------------------------------
 
-    synchronized void seal(Segment segment) {
-        segment.sealed = true;
+    /** Says that nothing will be added; closes another's file if too many are open. */
+    void seal(Segment segment) {
+        Segment longest;
+        synchronized (this) {
+            segment.sealed = true;
+            longest = noteUsed(segment);
+        }
+        try {
+            if (longest != null) {
+                longest.rest();
+            }
+        } catch (IOException e) {
+            // Nothing is lost: what was committed was forced, and a read opens the file anew.
+        }
     }
 
     /** Lists the segments that compaction may empty or retire. */
