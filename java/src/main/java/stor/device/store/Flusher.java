@@ -39,7 +39,8 @@ final class Flusher {
     private Consumer<Step> onStep = step -> { };
     private long flushes;
 
-    // What is left of the frozen map.
+    // What is left of the frozen map, once it has been noted.
+    private boolean noted;
     private List<Change> holes = List.of();
     private final Deque<Piece> pieces = new ArrayDeque<>();
 
@@ -86,15 +87,24 @@ final class Flusher {
         boolean more;
         synchronized (index) {
             more = buffer.freeze();
-            if (more) {
-                note(buffer.frozen());
-            }
         }
         return more ? written + writeOut() : written;
     }
 
-    private void note(OffHeapRangeMap frozen) {
+    /** Notes what the frozen map has; all of it, or nothing if there is no room to note it. */
+    private void note() {
         List<Change> found = new ArrayList<>();
+        try {
+            note(buffer.frozen(), found);
+        } catch (RuntimeException | Error failure) {
+            close();
+            throw failure;
+        }
+        holes = found;
+        noted = true;
+    }
+
+    private void note(OffHeapRangeMap frozen, List<Change> found) {
         frozen.forEach((offset, len, number, fileOffset, majorVer, minorVer, range) -> {
             ByteBuf bytes = range.retainedBuffer();
             if (bytes != null) {
@@ -104,10 +114,14 @@ final class Flusher {
                 found.add(Change.discarded(offset, len));
             }
         });
-        holes = found;
     }
 
     private long writeOut() throws IOException {
+        if (!noted) {
+            synchronized (index) {
+                note();
+            }
+        }
         onStep.accept(Step.FLUSH_BEGUN);
         fileMap.commit(holes, 0);
         holes = List.of();
@@ -117,6 +131,7 @@ final class Flusher {
         }
         synchronized (index) {
             buffer.drop();
+            noted = false;
             flushes++;
         }
         return written;
