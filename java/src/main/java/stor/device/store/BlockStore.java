@@ -402,7 +402,7 @@ public final class BlockStore implements AutoCloseable {
         }
     }
 
-    /** Changes the write buffer; makes room by flushes, and if need be puts the files in order. */
+    /** Changes the write buffer; makes room by flushes, and if need be in the file map. */
     private void insert(String operation, Runnable change) throws IOException {
         boolean done = tryInsert(change);
         for (boolean more = true; !done && more;) {
@@ -411,7 +411,11 @@ public final class BlockStore implements AutoCloseable {
             done = tryInsert(change);
         }
         if (!done) {
-            // It is the file map that takes the memory.
+            // It is the file map that takes the memory: with holes, or with ranges in no order.
+            fileMap.dropHoles();
+            done = tryInsert(change);
+        }
+        if (!done) {
             defragment();
             done = tryInsert(change);
         }

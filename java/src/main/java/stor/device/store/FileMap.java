@@ -4,6 +4,7 @@ import java.io.Closeable;
 import java.io.IOException;
 import java.util.List;
 import java.util.function.Consumer;
+import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.OffHeapRangeMap;
 
 /**
@@ -16,7 +17,7 @@ import stor.device.skiplist.OffHeapRangeMap;
  */
 final class FileMap implements Closeable {
     private final Object index;
-    private final OffHeapRangeMap map;
+    private OffHeapRangeMap map;
     private final Journal journal;
     private final Reserve reserve;
     private final SegmentFiles files;
@@ -35,7 +36,7 @@ final class FileMap implements Closeable {
         this.sequence = sequence;
     }
 
-    /** Gives the map, to be used under the index lock and changed by nobody else. */
+    /** Gives the map, to be used and forgotten under the index lock, and changed by nobody else. */
     OffHeapRangeMap map() {
         return map;
     }
@@ -63,6 +64,38 @@ final class FileMap implements Closeable {
             apply();
         }
         checkpointIfLong();
+    }
+
+    /**
+     * Makes the map anew without its holes, which hide nothing: a map drops no range, and holes in
+     * scattered places would pile up. If native memory has no room for a second map, they stay.
+     */
+    synchronized void dropHoles() {
+        synchronized (index) {
+            OffHeapRangeMap full = map;
+            try {
+                map = withoutHoles();
+                full.close();
+            } catch (OutOfMemoryError refused) {
+                // They are in nobody's way but this store's.
+            }
+        }
+    }
+
+    private OffHeapRangeMap withoutHoles() {
+        OffHeapRangeMap dense = OffHeapRangeMap.create(map.height(), map.sectorSize());
+        try {
+            map.forEach((offset, len, number, fileOffset, majorVer, minorVer, range) -> {
+                if (!Holes.isHole(majorVer, minorVer)) {
+                    dense.insert(offset, len,
+                            new FileLocation(number, fileOffset, majorVer, minorVer));
+                }
+            });
+            return dense;
+        } catch (RuntimeException | Error failure) {
+            dense.close();
+            throw failure;
+        }
     }
 
     private static int mostChanges() {

@@ -7,10 +7,12 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import io.netty.buffer.ByteBuf;
 import io.netty.buffer.Unpooled;
+import java.io.File;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.util.Arrays;
 import java.util.List;
+import java.util.Locale;
 import java.util.Random;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
@@ -275,6 +277,12 @@ class BlockStoreTest {
             int sector = random.nextInt(SECTORS / 4);
             model.serve(store, new Request(sector, 1, random.nextInt(5) == 0 ? 0 : ++id));
         }
+        // Holes that nothing lies in, at more places than there is room for.
+        for (long far = 1; far < 400; far++) {
+            store.write(far << 20, Unpooled.wrappedBuffer(new byte[SECTOR]));
+            store.flush();
+            store.discard(far << 20, SECTOR);
+        }
         assertTrue(store.stats().refusedInserts() > 50, store.stats().toString());
         model.check(store::read);
         OutOfMemoryError refused = assertThrows(OutOfMemoryError.class, () -> {
@@ -345,6 +353,33 @@ class BlockStoreTest {
         IOException other = assertThrows(IOException.class, () -> BlockStore.open(
                 memory.afterPowerCut(new Random(1)), new StoreSettings(4096, 8192, 8192, 9, 1)));
         assertTrue(other.getMessage().contains("512"), other.getMessage());
+    }
+
+    /** Whatever digits are usual, and however few files may be open. */
+    @Test
+    void filesAreNamedAlikeEverywhereAndClosedUnread(@TempDir Path folder) throws IOException {
+        Locale usual = Locale.getDefault();
+        Locale.setDefault(Locale.forLanguageTag("ar-EG"));
+        try {
+            open(new FolderDisk(folder), 1 << 20);
+            for (int i = 0; i < 40; i++) {
+                write(0, SECTORS / 4);
+                store.flush();
+            }
+        } finally {
+            Locale.setDefault(usual);
+        }
+        int open = new File("/proc/self/fd").list().length;
+        assertTrue(store.stats().segments() > 300);
+        store.close();
+        int left = new File("/proc/self/fd").list().length;
+        assertTrue(open - left < 150, (open - left) + " files of the store");
+        open(new FolderDisk(folder), 1 << 20);
+        model.check(store::read);
+        write(0, SECTORS);
+        store.close();
+        open(disk, 1 << 20);
+        write(0, SECTORS);
     }
 
     @Test
