@@ -41,13 +41,15 @@ public final class SnapshotWhileWriting {
             RangeBatch batch = new RangeBatch(1000);
             long end = 2L * RANGES * SECTOR;
             int old = 0;
-            boolean more = true;
-            for (long from = 0; more; from = batch.end()) {
+            long from = 0;
+            boolean more;
+            do {
                 more = loaded.read(from, end - from, batch);
                 for (int i = 0; i < batch.size(); i++) {
                     old += batch.majorVer(i) == 1 ? 1 : 0;
                 }
-            }
+                from = batch.size() == 0 ? end : batch.end();
+            } while (more);
             System.out.println(old + " ranges of version 1 of " + loaded.size());
         } finally {
             Files.delete(file);

@@ -183,6 +183,11 @@ final class MapGuard {
         }
     }
 
+    /** Lets the next change ask for a sweep, since memory was refused that may be free by then. */
+    void sweepBeforeNextChange() {
+        changesToSweep = 0;
+    }
+
     private void sweepNowAndThen() {
         if (--changesToSweep < 0) {
             changesToSweep = CHANGES_BETWEEN_SWEEPS;

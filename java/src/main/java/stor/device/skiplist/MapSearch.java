@@ -46,13 +46,17 @@ final class MapSearch {
 
     /**
      * Gives the range before another or before the end mark; the end mark if there is none. Ranges
-     * know their successors only: halves the stretch in which the range ends until it is followed
-     * by the node, with up to 64 queries.
+     * know their successors only: unless it ends where the node starts, halves the stretch in which
+     * it ends until it is followed by the node, with up to 64 queries.
      */
     static long before(long handle, long node) {
         long[] all = runOverAll(handle);
         if (all[0] == node) {
             return all[1];
+        }
+        long touching = firstEndingAfter(handle, NodeReader.offset(node) - 1);
+        if (touching != node) {
+            return touching;
         }
         // The range found at `low` is always before the node, that at `high` is the node.
         long candidate = all[0];

@@ -12,7 +12,8 @@ import java.util.concurrent.atomic.AtomicLong;
  * for a second. It is made if the last one is more than 5 seconds ago by the system's clock. So a
  * process that grows is held to its limit within about 6 seconds, but can by then be above it by
  * what it took in that time. What the limit refuses is an {@link OutOfMemoryError} in the call that
- * needed the memory.
+ * needed the memory; the next change of that map asks for a sweep, and so finds what was given back
+ * meanwhile.
  *
  * <p>While the system's clock is set back, no sweep is made until it has caught up: the limit is
  * judged against the last count all that time. Callers of {@link JniSkipListNative} alone ask by
@@ -79,20 +80,22 @@ public final class NativeMemory {
     }
 
     /**
-     * Waits until a sweep can be made, makes it, and reads the native bytes in use.
+     * Waits until a sweep is made, by this call as soon as one can be made or by another one
+     * before, and reads the native bytes in use.
      *
      * @return the number of bytes at some moment of this call, which lasts up to 5 seconds
      * @throws InterruptedException if the thread is interrupted while it waits
      */
     public static long sweep() throws InterruptedException {
+        long asked = System.nanoTime();
         for (;;) {
             long wait;
             synchronized (NativeMemory.class) {
-                long age = millisSinceSweep();
-                if (age < 0 || age > SWEEP_INTERVAL_MILLIS) {
-                    return bytesInUse();
+                long bytes = bytesInUse();
+                if (sweptAtNanos - asked >= 0) {
+                    return bytes;
                 }
-                wait = SWEEP_INTERVAL_MILLIS + 1 - age;
+                wait = SWEEP_INTERVAL_MILLIS + 1 - millisSinceSweep();
             }
             Thread.sleep(wait);
         }

@@ -99,8 +99,9 @@ import stor.device.skiplist.MapGuard.Access;
  * closed map all but {@link #isClosed}, {@link #close} and {@link #toString} throw
  * {@link IllegalStateException}. Native memory that is used up is an {@link OutOfMemoryError}, and
  * any other native failure a {@link RuntimeException}; an insert has then changed nothing. What a
- * buffer throws that will not be sliced is the cause of that exception. A call without stack enough
- * to finish throws {@link StackOverflowError} before it does anything.
+ * buffer throws that will not be sliced is the cause of that exception. What a buffer throws that
+ * fails to be given back is passed on as it is, after the change, which is made all the same. A call
+ * without stack enough to finish throws {@link StackOverflowError} before it does anything.
  *
  * <h2>Closing</h2>
  *
@@ -177,6 +178,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
             String operation, int height, int sectorSize, boolean aligned) {
         Arguments.within(operation, "height", height, 1, MAX_HEIGHT);
         Arguments.within(operation, "sectorSize", sectorSize, 1, MAX_SECTOR_SIZE);
+        StackReserve.require();
         return new OffHeapRangeMap(height, sectorSize, aligned);
     }
 
@@ -276,8 +278,8 @@ public final class OffHeapRangeMap implements AutoCloseable {
 
     /**
      * Inserts as {@link #insert(long, int, FileLocation)}, and tells which pieces of stored ranges
-     * have lost their bytes by it; holes are not told. A log-structured store counts its garbage by
-     * them.
+     * have lost their bytes by it; holes are not told, pieces that lay at the same location are. A
+     * log-structured store counts its garbage by them.
      *
      * @param offset the first byte
      * @param len the length in bytes, more than 0
@@ -290,15 +292,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
             Consumer<? super MappedRange> displaced) {
         Arguments.notNull("replace", "displaced", displaced);
         checkInsert("replace", offset, len, location);
-        List<MappedRange> pieces = new ArrayList<>();
-        guard.enter("replace", Access.CHANGE);
-        try {
-            findStored(pieces, offset, len);
-            insertJoined("replace", offset, len, location);
-        } finally {
-            guard.leave(Access.CHANGE);
-        }
-        pieces.forEach(displaced);
+        displace(offset, len, displaced, () -> insertJoined("replace", offset, len, location));
     }
 
     /**
@@ -321,16 +315,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
         Arguments.notNull("replace", "displaced", displaced);
         checkInsert("replace", offset, len, location);
         checkBuffer("replace", len, location, buffer);
-        List<MappedRange> pieces = new ArrayList<>();
-        guard.enter("replace", Access.CHANGE);
-        try {
-            findStored(pieces, offset, len);
-            insertBuffer(offset, len, location, buffer);
-        } finally {
-            guard.leave(Access.CHANGE);
-            Reference.reachabilityFence(buffer);
-        }
-        pieces.forEach(displaced);
+        displace(offset, len, displaced, () -> insertBuffer(offset, len, location, buffer));
     }
 
     /**
@@ -351,6 +336,8 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * @throws ConcurrentModificationException if the map is being visited by this thread
      * @throws OutOfMemoryError if native memory is exhausted or at its limit; nothing has changed,
      *     but for holes of more than 2^31-1 bytes, of which the first may have been made
+     * @throws RuntimeException if a buffer fails to be given back; the hole has been made, of several
+     *     the first
      */
     public long remove(long offset, long len) {
         Arguments.range("remove", offset, len);
@@ -365,7 +352,8 @@ public final class OffHeapRangeMap implements AutoCloseable {
 
     /**
      * Forgets all ranges, holes among them, gives their native memory and their buffers back, and
-     * starts all counters again from 0: what is left is as a new map.
+     * starts all counters again from 0: what is left is as a new map. Needs native memory for that
+     * before it gives any back: at the limit only {@link #close} helps.
      *
      * @throws IllegalStateException if the map is closed
      * @throws ConcurrentModificationException if the map is being visited by this thread
@@ -475,22 +463,13 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * @throws IllegalArgumentException if the range is empty or leaves the 64 bits of an offset
      * @throws IllegalStateException if the map is closed
      * @throws ConcurrentModificationException if the map is being visited by this thread
+     * @throws RuntimeException if a buffer fails to be given back; all others have been
      */
     public long releaseBuffers(long offset, long len) {
         Arguments.range("releaseBuffers", offset, len);
         guard.enter("releaseBuffers", Access.CHANGE);
         try {
-            long released = 0;
-            long[] run = MapSearch.run(nativeMap.handle(), offset, len);
-            // Nodes stay where they are when their buffers go.
-            for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
-                if (NodeReader.offset(node) >= offset && NodeReader.end(node) <= offset + len
-                        && NodeReader.isMemoryType(node)) {
-                    released += releaseNative(NodeReader.offset(node), NodeReader.len(node),
-                            NodeReader.location(node));
-                }
-            }
-            return released;
+            return releaseInside(offset, offset + len);
         } finally {
             guard.leave(Access.CHANGE);
         }
@@ -687,7 +666,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
     /**
      * Fills a batch with the first ranges that share at least one byte with a range, holes among
      * them, whole and in order: as many as there are, or as fit. To go on, read what follows
-     * {@link RangeBatch#end}.
+     * {@link RangeBatch#end}; a range that has grown meanwhile may then begin before it.
      *
      * @param offset the first byte
      * @param len the length in bytes, more than 0
@@ -915,7 +894,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
     /**
      * Reads how many bytes are covered, holes among them, as counted by the inserts: without the
      * gaps between stored ranges that an insert closed which reached beyond one side of them only.
-     * {@link #statistics} has the exact number.
+     * {@link #statistics} counts the bytes of the stored ranges exactly.
      *
      * @return the number of bytes
      * @throws IllegalStateException if the map is closed
@@ -1141,6 +1120,9 @@ public final class OffHeapRangeMap implements AutoCloseable {
                     at.minorVer(), (byte) at.number());
         } catch (RuntimeException e) {
             throw explained(e, null, offset, len);
+        } catch (OutOfMemoryError e) {
+            guard.sweepBeforeNextChange();
+            throw e;
         }
     }
 
@@ -1154,6 +1136,9 @@ public final class OffHeapRangeMap implements AutoCloseable {
             insertNative(offset, len, at, handed);
         } catch (RuntimeException e) {
             throw explained(e, handed.thrown(), offset, len);
+        } catch (OutOfMemoryError e) {
+            guard.sweepBeforeNextChange();
+            throw e;
         } finally {
             handed.forget();
         }
@@ -1168,6 +1153,29 @@ public final class OffHeapRangeMap implements AutoCloseable {
             RuntimeException failure, Throwable ofCaller, long offset, int len) {
         return StoredSlices.explain(
                 failure, ofCaller, MapSearch.run(nativeMap.handle(), offset, len));
+    }
+
+    /** Does an insert, and tells which pieces have lost their bytes once it is done. */
+    private void displace(
+            long offset, int len, Consumer<? super MappedRange> displaced, Runnable insert) {
+        List<MappedRange> pieces = new ArrayList<>();
+        boolean done = false;
+        guard.enter("replace", Access.CHANGE);
+        try {
+            findStored(pieces, offset, len);
+            int before = JniSkipListNative.getSkipListRawCount(nativeMap.handle());
+            try {
+                insert.run();
+            } finally {
+                // Is so, too, if a displaced buffer failed to be given back.
+                done = JniSkipListNative.getSkipListRawCount(nativeMap.handle()) != before;
+            }
+        } finally {
+            guard.leave(Access.CHANGE);
+            if (done) {
+                pieces.forEach(displaced);
+            }
+        }
     }
 
     /** Adds the pieces of a range that are stored. */
@@ -1248,6 +1256,29 @@ public final class OffHeapRangeMap implements AutoCloseable {
             insertNative(part.offset(), part.len(), part.location());
         }
         return !parts.isEmpty();
+    }
+
+    /** Gives back each buffer between two positions, whatever the others throw. */
+    private long releaseInside(long offset, long end) {
+        long released = 0;
+        RuntimeException failure = null;
+        long[] run = MapSearch.run(nativeMap.handle(), offset, end - offset);
+        // Nodes stay where they are when their buffers go.
+        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+            if (NodeReader.offset(node) >= offset && NodeReader.end(node) <= end
+                    && NodeReader.isMemoryType(node)) {
+                try {
+                    released += releaseNative(NodeReader.offset(node), NodeReader.len(node),
+                            NodeReader.location(node));
+                } catch (RuntimeException e) {
+                    failure = e;
+                }
+            }
+        }
+        if (failure != null) {
+            throw failure;
+        }
+        return released;
     }
 
     private long releaseNative(long offset, int len, FileLocation expected) {

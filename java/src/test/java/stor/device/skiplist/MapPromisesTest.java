@@ -236,7 +236,15 @@ class MapPromisesTest {
     void theLimitHoldsThoughNobodyAsks() throws Exception {
         long limit = NativeMemory.limit();
         try (OffHeapRangeMap map = OffHeapRangeMap.create(12, SECTOR)) {
-            NativeMemory.setLimit(NativeMemory.sweep() + (1 << 20));
+            Thread asking = new Thread(() -> {
+                while (!Thread.interrupted()) {
+                    NativeMemory.bytesInUse();
+                }
+            });
+            asking.start();
+            long inUse = InThread.start(NativeMemory::sweep).get(30, TimeUnit.SECONDS);
+            asking.interrupt();
+            NativeMemory.setLimit(inUse + (1 << 20));
             long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(30);
             assertThrows(OutOfMemoryError.class, () -> {
                 for (long i = 0; System.nanoTime() < end; i++) {
@@ -277,6 +285,24 @@ class MapPromisesTest {
             assertEquals(0, map.size());
         }
         hostile.release();
+    }
+
+    @Test
+    void aBufferThatIsNotGivenBackHoldsUpNeitherTheOthersNorTheNews() {
+        List<MappedRange> displaced = new ArrayList<>();
+        for (Consumer<OffHeapRangeMap> change : List.<Consumer<OffHeapRangeMap>>of(
+                map -> map.releaseBuffers(0, 2 * SECTOR), OffHeapRangeMap::release,
+                map -> map.replace(0, 2 * SECTOR, AT, displaced::add))) {
+            try (OffHeapRangeMap map = OffHeapRangeMap.create(4, SECTOR)) {
+                ByteBuf gone = Unpooled.buffer().writeZero(SECTOR);
+                map.insert(0, SECTOR, AT, gone);
+                map.insert(SECTOR, SECTOR, AT, BUFFER);
+                gone.release(2);
+                assertThrows(IllegalReferenceCountException.class, () -> change.accept(map));
+                assertEquals(1, BUFFER.refCnt());
+            }
+        }
+        assertEquals(2, displaced.size());
     }
 
     @Test
