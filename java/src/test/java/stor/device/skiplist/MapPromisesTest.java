@@ -83,7 +83,7 @@ class MapPromisesTest {
     @ParameterizedTest
     @MethodSource("calls")
     void whereTheStackEndsNoLockAndNoReferenceIsLeft(Call call) throws Exception {
-        for (int i = 0; i < 100; i++) {
+        for (int i = 0; i < 20; i++) {
             OffHeapRangeMap map = OffHeapRangeMap.create(4, SECTOR);
             InThread.call(SMALL_STACK, () ->
                     assertThrows(StackOverflowError.class, () -> dive(() ->
