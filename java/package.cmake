@@ -85,7 +85,8 @@ install(FILES ${jar} DESTINATION ${repository} RENAME ${name}.jar)
 install(FILES ${sources_jar} ${javadoc_jar} ${CMAKE_CURRENT_BINARY_DIR}/${name}.pom
   DESTINATION ${repository})
 install(CODE "
-  set(repository \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${repository}\")
+  cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_PREFIX OUTPUT_VARIABLE prefix)
+  set(repository \"\$ENV{DESTDIR}\${prefix}/${repository}\")
   foreach(file IN ITEMS ${name}.jar ${name}-sources.jar ${name}-javadoc.jar ${name}.pom)
     foreach(algorithm IN ITEMS MD5 SHA1)
       string(TOLOWER \${algorithm} suffix)
