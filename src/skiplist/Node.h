@@ -102,6 +102,8 @@ class Node {
     Arr forward;
 
   private:
+    friend struct NativeLayout;
+
     [[noreturn]] static void throwOutOfRange();
 
     NodeParts own;  // last: the links lie behind it

@@ -58,6 +58,8 @@ class Signposts {
     bool agreesWith(const Node& head, const Node& tail) const;
 
   private:
+    friend struct NativeLayout;
+
     // Where there is no node, the start is the last position of all. There always is such a start.
     struct Chunk {
         static constexpr std::size_t mostEntries = 255;

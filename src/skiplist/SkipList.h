@@ -213,6 +213,8 @@ class SkipList {
     // The usual way of an insert; it shares the rules, and changes what is below.
     friend class InsertInPlace;
 
+    friend struct NativeLayout;
+
     // Holds the nodes between the sentinels.
     BlockPool pool;
 

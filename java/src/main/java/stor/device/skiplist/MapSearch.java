@@ -3,8 +3,8 @@ package stor.device.skiplist;
 import java.util.Arrays;
 
 /**
- * Finds nodes of a map, by its native queries. The caller is inside the map's guard; what is found
- * ends with the next change.
+ * Finds nodes of a map: in place where that is possible, otherwise by its native queries. The caller
+ * is inside the map's guard; what is found ends with the next change.
  */
 final class MapSearch {
     private MapSearch() {
@@ -12,23 +12,33 @@ final class MapSearch {
 
     /** Gives the first range that ends after a position, which may be the end mark. */
     static long firstEndingAfter(long handle, long position) {
-        return JniSkipListNative.getNodes(handle, position, 0)[0];
+        return NativeLayout.IS_TRUSTED
+                ? InPlaceSearch.firstEndingAfter(handle, position)
+                : JniSkipListNative.getNodes(handle, position, 0)[0];
     }
 
     /** Gives the first range that shares a byte with a range, and where a walk stops. */
     static long[] run(long handle, long offset, long len) {
+        long end = offset + len;
+        if (NativeLayout.IS_TRUSTED) {
+            long first = InPlaceSearch.firstEndingAfter(handle, offset);
+            return new long[] {first, InPlaceSearch.stop(handle, first, end)};
+        }
         if (len <= Integer.MAX_VALUE) {
             return JniSkipListNative.getNodes(handle, offset, (int) len);
         }
         long first = firstEndingAfter(handle, offset);
-        long stop = firstEndingAfter(handle, offset + len);
-        return new long[] {
-            first, NodeReader.offset(stop) < offset + len ? NodeReader.next(stop) : stop};
+        long stop = firstEndingAfter(handle, end);
+        return new long[] {first, NodeReader.offset(stop) < end ? NodeReader.next(stop) : stop};
     }
 
     /** Gives the first range, and the end mark, where a walk stops. */
     static long[] runOverAll(long handle) {
-        return JniSkipListNative.getAllNodes(handle);
+        if (!NativeLayout.IS_TRUSTED) {
+            return JniSkipListNative.getAllNodes(handle);
+        }
+        return new long[] {
+            NativeLayout.next(NativeLayout.head(handle), 0), NativeLayout.tail(handle)};
     }
 
     /** Lists the nodes of a run. */
@@ -44,22 +54,28 @@ final class MapSearch {
         return Arrays.copyOf(nodes, count);
     }
 
-    /**
-     * Gives the range before another or before the end mark; the end mark if there is none. Ranges
-     * know their successors only: unless it ends where the node starts, halves the stretch in which
-     * it ends until it is followed by the node, with up to 64 queries.
-     */
+    /** Gives the range before another or before the end mark; the end mark if there is none. */
     static long before(long handle, long node) {
         long[] all = runOverAll(handle);
         if (all[0] == node) {
             return all[1];
         }
+        return NativeLayout.IS_TRUSTED
+                ? InPlaceSearch.lastStartingBy(handle, NodeReader.offset(node) - 1)
+                : beforeByQueries(handle, all[0], node);
+    }
+
+    /**
+     * Ranges know their successors only: unless it ends where the node starts, halves the stretch in
+     * which it ends until it is followed by the node, with up to 64 queries.
+     */
+    private static long beforeByQueries(long handle, long first, long node) {
         long touching = firstEndingAfter(handle, NodeReader.offset(node) - 1);
         if (touching != node) {
             return touching;
         }
         // The range found at `low` is always before the node, that at `high` is the node.
-        long candidate = all[0];
+        long candidate = first;
         long low = NodeReader.offset(candidate);
         long high = NodeReader.offset(node);
         while (NodeReader.next(candidate) != node) {
@@ -95,6 +111,10 @@ final class MapSearch {
 
     /** Gives the last range that starts at or before a position, or the end mark. */
     static long floor(long handle, long position) {
+        if (NativeLayout.IS_TRUSTED) {
+            long last = InPlaceSearch.lastStartingBy(handle, position);
+            return last == NativeLayout.head(handle) ? NativeLayout.tail(handle) : last;
+        }
         // The end mark starts at the last position of all.
         long start = Math.min(position, Long.MAX_VALUE - 1);
         long node = firstEndingAfter(handle, start);
@@ -103,6 +123,9 @@ final class MapSearch {
 
     /** Gives the first range that starts at or after a position, or the end mark. */
     static long ceiling(long handle, long position) {
+        if (NativeLayout.IS_TRUSTED) {
+            return InPlaceSearch.firstStartingFrom(handle, position);
+        }
         long node = firstEndingAfter(handle, position);
         return NodeReader.offset(node) >= position ? node : NodeReader.next(node);
     }

@@ -59,6 +59,8 @@ public final class NativeMemory {
         if (bytes <= 0) {
             throw Arguments.illegal("setLimit", "bytes: " + bytes, "> 0");
         }
+        // Looks at a map of its own, which this limit might refuse.
+        NativeLayout.decide();
         JniSkipListNative.init(bytes);
         limit = bytes;
     }

@@ -4,7 +4,8 @@ import io.netty.buffer.ByteBuf;
 import io.netty.util.IllegalReferenceCountException;
 
 /**
- * Reads the nodes of a map: the one place where their fields are read.
+ * Reads the nodes of a map: the one place where their fields are read, in place where that is
+ * possible, otherwise by the native methods.
  *
  * <p>A node is an address that ends with the next change of its map. So the caller is inside the
  * map's guard, and no code of a stranger that might change the map runs between finding a node and
@@ -16,12 +17,16 @@ final class NodeReader {
 
     /** Gives the first byte; {@link Long#MAX_VALUE} for the end mark. */
     static long offset(long node) {
-        return JniSkipListNative.getNodeIndexOffset(node);
+        return NativeLayout.IS_TRUSTED
+                ? NativeLayout.offset(node)
+                : JniSkipListNative.getNodeIndexOffset(node);
     }
 
     /** Gives the length; 0 for the end mark, and for that only. */
     static int len(long node) {
-        return JniSkipListNative.getNodeIndexLen(node);
+        return NativeLayout.IS_TRUSTED
+                ? NativeLayout.len(node)
+                : JniSkipListNative.getNodeIndexLen(node);
     }
 
     static long end(long node) {
@@ -33,27 +38,39 @@ final class NodeReader {
     }
 
     static long next(long node) {
-        return JniSkipListNative.nextNode(node);
+        return NativeLayout.IS_TRUSTED
+                ? NativeLayout.next(node, 0)
+                : JniSkipListNative.nextNode(node);
     }
 
     static boolean isMemoryType(long node) {
-        return JniSkipListNative.getNodeFileType(node);
+        return NativeLayout.IS_TRUSTED
+                ? NativeLayout.isMemoryType(node)
+                : JniSkipListNative.getNodeFileType(node);
     }
 
     static int fileNumber(long node) {
-        return Byte.toUnsignedInt(JniSkipListNative.getNodeFileNumber(node));
+        return Byte.toUnsignedInt(NativeLayout.IS_TRUSTED
+                ? NativeLayout.fileNumber(node)
+                : JniSkipListNative.getNodeFileNumber(node));
     }
 
     static int fileOffset(long node) {
-        return JniSkipListNative.getNodeFileOffset(node);
+        return NativeLayout.IS_TRUSTED
+                ? NativeLayout.fileOffset(node)
+                : JniSkipListNative.getNodeFileOffset(node);
     }
 
     static int majorVer(long node) {
-        return JniSkipListNative.getNodeFileMajorVer(node);
+        return NativeLayout.IS_TRUSTED
+                ? NativeLayout.majorVer(node)
+                : JniSkipListNative.getNodeFileMajorVer(node);
     }
 
     static int minorVer(long node) {
-        return JniSkipListNative.getNodeFileMinorVer(node);
+        return NativeLayout.IS_TRUSTED
+                ? NativeLayout.minorVer(node)
+                : JniSkipListNative.getNodeFileMinorVer(node);
     }
 
     /** Tells whether a range is stored nowhere, as {@link MappedRange#isHole}; the end mark not. */

@@ -1,0 +1,87 @@
+package stor.device.skiplist;
+
+/** Compares what {@link NativeLayout} reads of a map with what the native methods say of it. */
+final class LayoutCheck {
+    private static final int HEIGHT = 4;
+    /** So few that they have no signposts, and so many that these have several chunks. */
+    private static final int[] SIZES = {40, 3000};
+    private static final int STRIDE = 16;
+
+    private LayoutCheck() {
+    }
+
+    /** Tells whether all was as expected. Reads no address that nobody vouches for. */
+    static boolean succeeds() {
+        long map = 0;
+        try {
+            map = JniSkipListNative.createSkipList(HEIGHT, 1);
+            int filled = 0;
+            boolean same = true;
+            for (int size : SIZES) {
+                for (; filled < size; filled++) {
+                    insert(map, filled);
+                }
+                same = same && nodesAgree(map) && searchesAgree(map, size);
+            }
+            return same;
+        } catch (OutOfMemoryError e) {
+            return false;
+        } finally {
+            if (map != 0) {
+                JniSkipListNative.destorySkipList(map);
+            }
+        }
+    }
+
+    /** Inserts a range that none of its neighbours touches, or its left one only; all differ. */
+    private static void insert(long map, int i) {
+        long offset = (i - 20L) * STRIDE;
+        int len = i % STRIDE + 1;
+        byte number = (byte) (i * 7);
+        if (i % 3 == 0) {
+            JniSkipListNative.insertWithBuff(map, offset, len, ~i, i + 1, -i, number, null);
+        } else {
+            JniSkipListNative.insert(map, offset, len, ~i, i + 1, -i, number);
+        }
+    }
+
+    private static boolean nodesAgree(long map) {
+        long[] run = JniSkipListNative.getAllNodes(map);
+        if (NativeLayout.tail(map) != run[1]) {
+            return false;
+        }
+        boolean same = keyAgrees(run[1]) && NativeLayout.next(NativeLayout.head(map), 0) == run[0];
+        for (long node = run[0]; same && node != run[1]; node = JniSkipListNative.nextNode(node)) {
+            same = keyAgrees(node) && locationAgrees(node)
+                    && NativeLayout.next(node, 0) == JniSkipListNative.nextNode(node);
+        }
+        return same;
+    }
+
+    private static boolean keyAgrees(long node) {
+        return NativeLayout.offset(node) == JniSkipListNative.getNodeIndexOffset(node)
+                && NativeLayout.len(node) == JniSkipListNative.getNodeIndexLen(node);
+    }
+
+    private static boolean locationAgrees(long node) {
+        return NativeLayout.isMemoryType(node) == JniSkipListNative.getNodeFileType(node)
+                && NativeLayout.fileNumber(node) == JniSkipListNative.getNodeFileNumber(node)
+                && NativeLayout.fileOffset(node) == JniSkipListNative.getNodeFileOffset(node)
+                && NativeLayout.majorVer(node) == JniSkipListNative.getNodeFileMajorVer(node)
+                && NativeLayout.minorVer(node) == JniSkipListNative.getNodeFileMinorVer(node);
+    }
+
+    private static boolean searchesAgree(long map, int size) {
+        boolean same = true;
+        for (long position = -21L * STRIDE; same && position < (size - 19L) * STRIDE;
+                position += 5) {
+            long found = JniSkipListNative.getNodes(map, position, 0)[0];
+            long before = InPlaceSearch.lastStartingBy(map, position);
+            same = InPlaceSearch.firstEndingAfter(map, position) == found
+                    && (JniSkipListNative.getNodeIndexOffset(found) <= position
+                            ? before == found
+                            : JniSkipListNative.nextNode(before) == found);
+        }
+        return same;
+    }
+}
