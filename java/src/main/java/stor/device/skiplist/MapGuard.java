@@ -2,30 +2,35 @@ package stor.device.skiplist;
 
 import java.lang.ref.Reference;
 import java.util.ConcurrentModificationException;
-import java.util.concurrent.locks.ReentrantLock;
 
 /**
  * The one way into a map and out of it: every call enters with what it is about to do, and leaves
  * with the same.
  *
- * <p>One call at a time is inside, whatever the threads. What a thread that is inside already may
- * do besides is told by {@link #requireReadable} and {@link #requireChangeable}: so nothing changes
- * while a node is in somebody's hand, and nothing reads a map that is half changed.
+ * <p>Any number of threads read at once; who changes the map is alone in it. What a thread that is
+ * inside already may do besides is told by {@link #requireReadable} and {@link #requireUnvisited}:
+ * so nothing changes while a node is in somebody's hand, and nothing reads a map that is half
+ * changed.
  *
  * <p>Who enters has stack enough to leave again. Keeps itself, and with it the map's native half,
  * which is freed when the guard is garbage, until every call has left.
  */
 final class MapGuard {
     private static final int CHANGES_BETWEEN_SWEEPS = 256;
+    /** The visits that each thread is inside, the innermost first; null outside of all. */
+    private static final ThreadLocal<Visit> VISITS = new ThreadLocal<>();
 
-    private final ReentrantLock lock = new ReentrantLock();
+    private final SharedLock lock = new SharedLock();
     private final String map;
 
-    // Written under the lock.
+    // Written by who is alone.
     private boolean changing;
-    private int visits;
     private int changesToSweep;
     private volatile String closedBy;
+
+    /** A visit, and the one that it is inside. */
+    private record Visit(MapGuard guard, Visit around) {
+    }
 
     /** What a call does. */
     enum Access {
@@ -33,10 +38,14 @@ final class MapGuard {
         QUERY,
         /** Reads while a visitor or a buffer runs code of its own. */
         VISIT,
-        /** Changes the map, and may run the code of buffers when it is half changed. */
+        /** Changes the map, alone, and may run the code of buffers when it is half changed. */
         CHANGE,
-        /** Does whatever else it enters for, with no other thread in between. */
-        ALL
+        /** Does whatever else it enters for, alone. */
+        ALL;
+
+        private boolean isAlone() {
+            return this == CHANGE || this == ALL;
+        }
     }
 
     /**
@@ -51,17 +60,22 @@ final class MapGuard {
         changesToSweep = (int) (number * 37 & CHANGES_BETWEEN_SWEEPS - 1);
     }
 
-    /** Waits until no other thread is inside, and enters, or throws if the map refuses. */
+    /** Waits for those who must not be inside at the same time, and enters, or throws. */
     void enter(String operation, Access access) {
         StackReserve.require();
-        lock.lock();
+        if (access.isAlone()) {
+            requireUnvisited(operation);
+            lock.enterAlone();
+        } else if (!lock.tryEnterShared()) {
+            lock.enterShared(isVisitedByThisThread());
+        }
         boolean entered = false;
         try {
             begin(operation, access);
             entered = true;
         } finally {
             if (!entered) {
-                lock.unlock();
+                unlock(access);
             }
         }
     }
@@ -71,67 +85,89 @@ final class MapGuard {
         if (access == Access.CHANGE) {
             changing = false;
         } else if (access == Access.VISIT) {
-            visits--;
+            VISITS.set(VISITS.get().around());
         }
-        lock.unlock();
+        unlock(access);
         Reference.reachabilityFence(this);
     }
 
     /**
-     * Enters two maps, to change both in the callbacks' view: the source is read, the destination
-     * changed. Waits for one only while it holds none of the two that it did not hold before, so
-     * that two threads cannot wait for each other here.
+     * Enters two maps, to read one and change the other. Waits for one only while it is inside none
+     * of the two that it was not inside before, so that two threads cannot wait for each other
+     * here.
+     *
+     * @return how the source was entered: {@link Access#CHANGE}, since a copy has the buffers of
+     *     both maps call back on this thread; or {@link Access#VISIT} if this thread visits it
      */
-    static void enterBoth(String operation, MapGuard source, MapGuard destination) {
+    static Access enterBoth(String operation, MapGuard source, MapGuard destination) {
         StackReserve.require();
         // What this thread is in already tells at once, without a wait for the other.
-        if (destination.lock.isHeldByCurrentThread()) {
-            destination.requireChangeable(operation);
+        destination.requireUnvisited(operation);
+        if (destination.lock.isAlone()) {
+            destination.requireReadable(operation);
         }
-        MapGuard first = source;
-        MapGuard second = destination;
-        first.lock.lock();
-        while (!second.lock.tryLock()) {
-            first.lock.unlock();
-            MapGuard awaited = second;
-            second = first;
-            first = awaited;
-            first.lock.lock();
+        if (source.isVisitedByThisThread()) {
+            enterInTurn(operation, source, Access.VISIT, destination);
+            return Access.VISIT;
         }
+        enterAloneInBoth(source.lock, destination.lock);
+        try {
+            enterInTurn(operation, source, Access.CHANGE, destination);
+        } finally {
+            source.lock.leaveAlone();
+            destination.lock.leaveAlone();
+        }
+        return Access.CHANGE;
+    }
+
+    private static void enterInTurn(
+            String operation, MapGuard source, Access access, MapGuard destination) {
+        source.enter(operation, access);
         boolean entered = false;
         try {
-            source.requireReadable(operation);
-            destination.begin(operation, Access.CHANGE);
-            source.changing = true;
+            destination.enter(operation, Access.CHANGE);
             entered = true;
         } finally {
             if (!entered) {
-                source.lock.unlock();
-                destination.lock.unlock();
+                source.leave(access);
             }
         }
     }
 
-    /** Leaves both. */
-    static void leaveBoth(MapGuard source, MapGuard destination) {
+    private static void enterAloneInBoth(SharedLock one, SharedLock other) {
+        SharedLock first = one;
+        SharedLock second = other;
+        first.enterAlone();
+        while (!second.tryEnterAlone()) {
+            first.leaveAlone();
+            SharedLock awaited = second;
+            second = first;
+            first = awaited;
+            first.enterAlone();
+        }
+    }
+
+    /** Leaves both, of which the source was entered as told. */
+    static void leaveBoth(MapGuard source, Access access, MapGuard destination) {
         destination.leave(Access.CHANGE);
-        source.leave(Access.CHANGE);
+        source.leave(access);
     }
 
     /** Enters to close the map, after which all others are refused; false if that is so already. */
     boolean enterToClose() {
         StackReserve.require();
-        lock.lock();
+        requireUnvisited("close");
+        lock.enterAlone();
         boolean entered = false;
         try {
             if (closedBy == null) {
-                requireChangeable("close");
+                requireReadable("close");
                 closedBy = Thread.currentThread().getName();
                 entered = true;
             }
         } finally {
             if (!entered) {
-                lock.unlock();
+                lock.leaveAlone();
             }
         }
         return entered;
@@ -153,13 +189,18 @@ final class MapGuard {
     private void begin(String operation, Access access) {
         requireReadable(operation);
         if (access == Access.CHANGE) {
-            requireUnvisited(operation);
             sweepNowAndThen();
             changing = true;
         } else if (access == Access.VISIT) {
-            visits++;
-        } else if (access == Access.ALL) {
-            requireUnvisited(operation);
+            VISITS.set(new Visit(this, VISITS.get()));
+        }
+    }
+
+    private void unlock(Access access) {
+        if (access.isAlone()) {
+            lock.leaveAlone();
+        } else {
+            lock.leaveShared();
         }
     }
 
@@ -171,16 +212,20 @@ final class MapGuard {
         }
     }
 
-    private void requireChangeable(String operation) {
-        requireReadable(operation);
-        requireUnvisited(operation);
-    }
-
     private void requireUnvisited(String operation) {
-        if (visits > 0) {
+        if (isVisitedByThisThread()) {
             throw new ConcurrentModificationException(operation + ": " + map
                     + ": called while it is being visited (expected: after the visit)");
         }
+    }
+
+    private boolean isVisitedByThisThread() {
+        for (Visit visit = VISITS.get(); visit != null; visit = visit.around()) {
+            if (visit.guard() == this) {
+                return true;
+            }
+        }
+        return false;
     }
 
     /** Lets the next change ask for a sweep, since memory was refused that may be free by then. */

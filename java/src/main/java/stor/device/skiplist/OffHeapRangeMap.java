@@ -81,16 +81,29 @@ import stor.device.skiplist.MapGuard.Access;
  *
  * <h2>Threads</h2>
  *
- * <p>Any thread may call any method at any time, virtual threads included: each map runs one call
- * after another under a lock of its own, and {@link #close} waits for the call in progress. A
- * visitor runs inside that lock. It may query the map that it visits, but an attempt to change or
- * close that map, like one from inside a callback of a buffer, throws a
+ * <p>Any thread may call any method at any time, virtual threads included. Queries and walks of one
+ * map run side by side; a change, {@link #atomically(Runnable)}, {@link #copyTo} in both its maps,
+ * and {@link #close} wait for those in progress and are alone in the map meanwhile. Whoever waits
+ * for that is not kept waiting by queries that come later.
+ *
+ * <p>A visitor may query the map that it visits, and copy it to another one, but an attempt to
+ * change or close that map, like one from inside a callback of a buffer, throws a
  * {@link ConcurrentModificationException} and changes nothing; and inside a callback of a buffer
- * whose map is being changed, queries of that map throw it too. A visitor that calls another map
- * holds both locks, and so does a body of {@link #atomically(Runnable)}: two threads that do this
- * in opposite orders block each other, and so does a visitor that waits for another thread which
+ * whose map is being changed, queries of that map throw it too. A visitor that calls another map is
+ * inside both, and so is a body of {@link #atomically(Runnable)}: two threads that do this in
+ * opposite orders may block each other, and so may a visitor that waits for another thread which
  * uses the visited map. {@link #copyTo} takes no part in that: it never waits for one of its maps
- * while it holds the other, unless its caller holds that already.
+ * while it is inside the other, unless its caller is inside that already.
+ *
+ * <h2>Cost</h2>
+ *
+ * <p>A search takes time in proportion to the logarithm of the number of ranges, a walk to the
+ * ranges walked over, a change to the ranges replaced and a search. Queries read native memory in
+ * place, with no call out of Java, where the JVM allows that without a warning: Java 17 to 23 do,
+ * later ones if this module may use native code ({@code --enable-native-access}), or has been warned
+ * of for it. Elsewhere, and with the system property {@code skiplist.readInPlace} set to
+ * {@code false}, they call the library, with the same results; {@link #floor}, {@link #lower} and
+ * {@link #last} then take up to 64 searches.
  *
  * <h2>Failure</h2>
  *
@@ -284,7 +297,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * @param offset the first byte
      * @param len the length in bytes, more than 0
      * @param location where the first byte lies; {@link FileLocation#EMPTY} for nowhere
-     * @param displaced takes the pieces in order, after the insert and outside the map's lock; what
+     * @param displaced takes the pieces in order, after the insert and outside the map; what
      *     it throws is passed on, and the insert is done all the same
      * @throws IllegalArgumentException as {@link #insert(long, int, FileLocation)}, like the others
      */
@@ -304,7 +317,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * @param location where the first byte will lie; at least one version is not -1
      * @param buffer the bytes of the range are its first {@code len} readable ones; remains the
      *     caller's, indices and reference included
-     * @param displaced takes the pieces in order, after the insert and outside the map's lock; what
+     * @param displaced takes the pieces in order, after the insert and outside the map; what
      *     it throws is passed on, and the insert is done all the same
      * @throws IllegalArgumentException as {@link #insert(long, int, FileLocation, ByteBuf)}, like
      *     the others
@@ -323,9 +336,8 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * but for gaps and holes between the ranges removed and next to them, which become part of the
      * hole.
      *
-     * <p>A hole is a range that takes native memory as others do: 104 bytes. Takes up to 64 queries
-     * more where the removed ranges are not preceded directly by another. A hole of more than
-     * 2^31-1 bytes is made of several.
+     * <p>A hole is a range that takes native memory as others do: 104 bytes. A hole of more
+     * than 2^31-1 bytes is made of several.
      *
      * @param offset the first byte
      * @param len the length in bytes, more than 0
@@ -492,8 +504,9 @@ public final class OffHeapRangeMap implements AutoCloseable {
     }
 
     /**
-     * Inserts a copy of every range into another map, in order, over whatever that one holds. Holds
-     * the locks of both maps meanwhile.
+     * Inserts a copy of every range into another map, in order, over whatever that one holds. No
+     * other call is inside one of the two maps meanwhile; but for queries of this one, if it is
+     * being visited by this thread.
      *
      * @param destination another map with the same sector size; if it asks for whole sectors, one
      *     that does is copied only
@@ -509,17 +522,17 @@ public final class OffHeapRangeMap implements AutoCloseable {
         Arguments.notNull("copyTo", "destination", destination);
         checkDestination(destination);
         NativeMemory.sweepIfDue();
-        MapGuard.enterBoth("copyTo", guard, destination.guard);
+        Access access = MapGuard.enterBoth("copyTo", guard, destination.guard);
         try {
-            copyInside(destination);
+            copyInside(destination, access == Access.CHANGE);
         } finally {
-            MapGuard.leaveBoth(guard, destination.guard);
+            MapGuard.leaveBoth(guard, access, destination.guard);
         }
         NativeMemory.sweepIfDue();
     }
 
     /**
-     * Does several operations with no other thread's in between, under the map's lock. The body may
+     * Does several operations with no other thread's in between, alone in the map. The body may
      * do whatever a caller may, calls of this map and of others included.
      *
      * @param body does them; what it throws is passed on
@@ -715,7 +728,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
     }
 
     /**
-     * Finds where a byte lies and how far the stored range goes on from there, with one query.
+     * Finds where a byte lies and how far the stored range goes on from there.
      *
      * @param position any position
      * @return the rest of the stored range that contains the position: starts there, with the
@@ -767,9 +780,8 @@ public final class OffHeapRangeMap implements AutoCloseable {
     }
 
     /**
-     * Finds the last stored range that starts at or before a position. One query if that range
-     * contains the position, otherwise up to 64 more that narrow down where it ends; the same again
-     * for a hole in between.
+     * Finds the last stored range that starts at or before a position, with one search, and one
+     * more for each hole in between.
      *
      * @param position any position
      * @return the range, or nothing if all stored ranges start after {@code position}
@@ -803,7 +815,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
     }
 
     /**
-     * Finds the first stored range that starts at or after a position, with one query.
+     * Finds the first stored range that starts at or after a position.
      *
      * @param position any position
      * @return the range, or nothing if all stored ranges start before {@code position}
@@ -819,7 +831,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
     }
 
     /**
-     * Finds the first stored range that starts after a position, with one query.
+     * Finds the first stored range that starts after a position.
      *
      * @param position any position
      * @return the range, or nothing if no stored range starts after {@code position}
@@ -837,7 +849,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
     }
 
     /**
-     * Finds the first stored range, with one query.
+     * Finds the first stored range.
      *
      * @return the range, or nothing if no range is stored
      * @throws IllegalStateException if the map is closed
@@ -1287,9 +1299,9 @@ public final class OffHeapRangeMap implements AutoCloseable {
                 (byte) expected.number());
     }
 
-    private void copyInside(OffHeapRangeMap destination) {
+    private void copyInside(OffHeapRangeMap destination, boolean isAlone) {
         try {
-            if (destination.fusions.noteCopy(fusions)) {
+            if (destination.fusions.noteCopy(fusions) || !isAlone) {
                 copyChecked(destination);
                 return;
             }
@@ -1302,7 +1314,10 @@ public final class OffHeapRangeMap implements AutoCloseable {
         }
     }
 
-    /** As the native copy, with a look at what each range is joined to. */
+    /**
+     * As the native copy, with a look at what each range is joined to. Calls no buffer through this
+     * map, which others may be reading.
+     */
     private void copyChecked(OffHeapRangeMap destination) {
         long[] run = MapSearch.runOverAll(nativeMap.handle());
         for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
