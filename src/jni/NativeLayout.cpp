@@ -1,5 +1,5 @@
-// Where the fields lie that Java reads in place. NativeLayout.java has the same numbers, and the two
-// are only used together if library and jar are of one version: who changes one changes both.
+// Where the fields lie that Java reads in place. NativeLayout.java has the same numbers, and the
+// two are only used together if library and jar are of one version: who changes one changes both.
 #include <cstddef>
 #include <memory>
 #include <vector>
