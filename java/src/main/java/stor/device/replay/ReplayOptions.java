@@ -44,6 +44,9 @@ public final class ReplayOptions {
     private boolean skipBad;
     private List<Path> compared = List.of();
 
+    private ReplayOptions() {
+    }
+
     /**
      * Reads the arguments.
      *
