@@ -1,5 +1,3 @@
-package example;
-
 import io.netty.buffer.ByteBuf;
 import io.netty.buffer.PooledByteBufAllocator;
 import java.util.ArrayDeque;

@@ -1,5 +1,3 @@
-package example;
-
 import java.io.IOException;
 import java.nio.channels.FileChannel;
 import java.nio.file.Files;

@@ -1,5 +1,3 @@
-package example;
-
 // README: imports
 import io.netty.buffer.ByteBuf;
 import io.netty.buffer.Unpooled;
