@@ -71,6 +71,10 @@ add_java_test(java-tests RUNS ${checks} ${console} --scan-classpath=${tests_jar}
 add_java_test(java-million SAYS "^PASS: 1[0-9]* operations"
   RUNS stor.device.skiplist.Verifier --operations 1000000 42)
 
+# The queries of a JVM that does not let us read its memory in place.
+add_java_test(java-native-queries SAYS "^PASS: 3[0-9]* operations" RUNS
+  -Dskiplist.readInPlace=false ${checks} stor.device.skiplist.Verifier --operations 30000 7)
+
 # The recorded trace: as it is; with a hundred refused inserts and killed flushes among its first
 # requests; and in the public format, at odd offsets, on two disks.
 set(trace ${PROJECT_SOURCE_DIR}/data/sqlite-oltp.trace.gz)
@@ -103,6 +107,8 @@ set_tests_properties(java-public-trace PROPERTIES LABELS java FIXTURES_SETUP pub
 add_java_test(java-replay-public SAYS " 25,000 requests:"
   RUNS ${replay} --report ${reports}/public.html --sector-size 4096 ${public_trace})
 set_tests_properties(java-replay-public PROPERTIES FIXTURES_REQUIRED public-trace)
+# Readers beside writers: so many seconds of them, each answer checked.
+add_java_test(java-shared-map SAYS "^PASS: " RUNS ${checks} stor.device.bench.SharedMap 5)
 # Fails if the maps that are compared disagree; the times say nothing.
 add_java_test(java-benchmark RUNS stor.device.bench.RangeMapBenchmark
   --rounds 1 --ranges 2000 --gc-ranges 2000 ${trace})

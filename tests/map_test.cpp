@@ -6,6 +6,7 @@
 
 #include <limits>
 #include <map>
+#include <thread>
 
 #include "support/Faults.h"
 #include "support/TestMap.h"
@@ -150,6 +151,31 @@ TEST_F(Map, SearchesFindTheRangeThatHoldsAKeyOrTheNextOne) {
     EXPECT_THROW(map->findRange(0, 20, before, tooShort, overlapped), std::out_of_range);
     EXPECT_THROW(Node::clearArr(5, std::move(before)), std::out_of_range);
     EXPECT_THROW(Node::createArr(-1), std::bad_alloc);
+}
+
+// With and without signposts. Nothing but the sanitizer's eyes is needed to see a search that
+// writes.
+TEST_F(Map, SearchesMayRunAtTheSameTime) {
+    constexpr int ranges = 400;
+    const auto countAll = [this] {
+        int found = 0;
+        for (int i = 0; i < ranges; ++i) {
+            const SkipList::Run run = map->runOver(i * 200, 300);
+            for (const Node* node = run.first; node != run.last; node = node->linked(0).get())
+                found += node->getFileBuff() == nullptr ? node->getFileNumber() : 0;
+            found += map->findEqualGreater(i * 200) == map->tail ? 1 : 0;
+        }
+        return found;
+    };
+    for (const int end : {50, ranges}) {
+        for (int i = map->size; i < end; ++i) map.insert(inFile(i * 200, 100, 5));
+        const int expected = countAll();
+        int others = 0;
+        std::thread other([&] { others = countAll(); });
+        EXPECT_EQ(countAll(), expected);
+        other.join();
+        EXPECT_EQ(others, expected);
+    }
 }
 
 TEST_F(Map, LevelsComeFromTwoStepsOfTheEnginePerDraw) {

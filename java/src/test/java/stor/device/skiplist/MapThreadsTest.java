@@ -111,6 +111,36 @@ class MapThreadsTest {
     }
 
     @Test
+    void queriesRunSideBySideAndAChangeThatWaitsComesBeforeThoseAfterIt() throws Exception {
+        try (OffHeapRangeMap map = OffHeapRangeMap.create(4, LENGTH)) {
+            map.insert(0, LENGTH, AT);
+            List<Blocked> threads = new ArrayList<>();
+            boolean[] interrupted = new boolean[1];
+            int[] sizeSeenLater = new int[1];
+            map.forEach((o, l, n, f, major, minor, range) -> {
+                assertFalse(new Blocked(map::size).waits());
+                Blocked change = new Blocked(() -> {
+                    map.insert(2 * LENGTH, LENGTH, AT);
+                    interrupted[0] = Thread.currentThread().isInterrupted();
+                });
+                assertTrue(change.waits());
+                change.thread.interrupt();
+                Blocked later = new Blocked(() -> sizeSeenLater[0] = map.size());
+                assertTrue(later.waits());
+                // The visitor itself waits for nobody.
+                map.forEach(0, LENGTH, (o2, l2, n2, f2, major2, minor2, range2) ->
+                        assertEquals(1, map.size()));
+                threads.addAll(List.of(change, later));
+            });
+            for (Blocked thread : threads) {
+                thread.thread.join();
+            }
+            assertTrue(interrupted[0]);
+            assertEquals(2, sizeSeenLater[0]);
+        }
+    }
+
+    @Test
     void closeWaitsForTheCallInProgress() throws Exception {
         OffHeapRangeMap map = OffHeapRangeMap.create(4, LENGTH);
         map.insert(0, LENGTH, AT);

@@ -32,6 +32,12 @@ class OffHeapRangeMapTest {
         map.close();
     }
 
+    /** Otherwise all tests are of the queries by native methods, which one has for itself. */
+    @Test
+    void nativeMemoryIsReadInPlace() {
+        assertTrue(NativeLayout.IS_TRUSTED);
+    }
+
     @Test
     void aVisitMakesNoObjectForARange() {
         for (int i = 0; i < 10_000; i++) {
