@@ -4,8 +4,11 @@ import java.util.ArrayList;
 import java.util.EnumMap;
 import java.util.List;
 import java.util.Map;
+import java.util.Set;
+import java.util.concurrent.Callable;
+import java.util.concurrent.ExecutionException;
 import java.util.function.Consumer;
-import java.util.stream.Stream;
+import java.util.stream.Collectors;
 import stor.device.replay.Difference;
 import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.MappedRange;
@@ -13,17 +16,23 @@ import stor.device.skiplist.Visitor;
 
 /**
  * Holds all maps against the native methods: every answer while they get the same operations, and
- * their contents afterwards. A map that stores other ranges has to know the same place of each
+ * their contents afterwards. Neighbours, which those do not tell, are held against a
+ * {@link java.util.TreeMap}. A map that stores other ranges has to know the same place of each
  * byte; that is told for ranges of whole sectors.
+ *
+ * <p>What several threads do to a map at the same time is done by one first, and then together:
+ * each answer must be whole ranges as they were stored at some time, without a gap, and the
+ * contents must be the same afterwards.
  */
 final class Agreement {
-    private final String workload;
+    private final Workload workload;
     private final Map<Contender, RangeMap> maps = new EnumMap<>(Contender.class);
 
-    private Agreement(String workload) {
+    private Agreement(Workload workload) {
         this.workload = workload;
-        for (Contender contender : Contender.values()) {
-            maps.put(contender, contender.create());
+        maps.put(Contender.NATIVE, Contender.NATIVE.create());
+        for (Contender contender : workload.contenders()) {
+            maps.putIfAbsent(contender, workload.maker().apply(contender));
         }
     }
 
@@ -33,12 +42,18 @@ final class Agreement {
      * @return how many ranges the native methods hold afterwards
      * @throws Difference if a map differs
      */
-    static int check(String workload, Stream<Operation> operations) {
+    static int check(Workload workload) throws InterruptedException, ExecutionException {
         Agreement agreement = new Agreement(workload);
-        operations.forEach(agreement::apply);
-        int ranges = agreement.compareContents();
+        workload.operations().forEach(agreement::apply);
+        List<MappedRange> contents = agreement.list(Contender.NATIVE);
+        for (Contender contender : workload.contenders()) {
+            agreement.compare(contender, agreement.list(contender), contents);
+        }
         agreement.maps.values().forEach(RangeMap::close);
-        return ranges;
+        if (workload.isShared()) {
+            agreement.checkTogether(contents);
+        }
+        return contents.size();
     }
 
     private void apply(Operation operation) {
@@ -46,18 +61,55 @@ final class Agreement {
             maps.values().forEach(map -> operation.applyTo(map, null));
             return;
         }
-        List<MappedRange> expected = answer(Contender.NATIVE, operation);
-        List<MappedRange> cut = cut(expected, operation.offset(), operation.length());
-        for (Contender contender : maps.keySet()) {
+        boolean isFind = operation.kind() == Operation.Kind.FIND;
+        List<MappedRange> expected =
+                answer(isFind ? Contender.NATIVE : Contender.TREE, operation);
+        List<MappedRange> cut =
+                isFind ? cut(expected, operation.offset(), operation.length()) : expected;
+        for (Contender contender : workload.contenders()) {
             compare(contender, answer(contender, operation),
                     contender.hasSameRanges() ? expected : cut);
         }
     }
 
-    private int compareContents() {
-        List<MappedRange> expected = list(maps.get(Contender.NATIVE)::forEach);
-        maps.forEach((contender, map) -> compare(contender, list(map::forEach), expected));
-        return expected.size();
+    private void checkTogether(List<MappedRange> contents)
+            throws InterruptedException, ExecutionException {
+        Set<MappedRange> stored = workload.operations().filter(operation -> !operation.isQuery())
+                .map(insert -> new MappedRange(
+                        insert.offset(), insert.length(), false, insert.at()))
+                .collect(Collectors.toSet());
+        for (Contender contender : workload.contenders()) {
+            try (RangeMap map = workload.maker().apply(contender)) {
+                workload.setUp().get().forEach(insert -> insert.applyTo(map, null));
+                List<Callable<Void>> tasks = new ArrayList<>();
+                workload.batches().forEach(batch -> tasks.add(() -> {
+                    batch.forEach(operation -> checkWhole(contender, operation,
+                            list(visitor -> operation.applyTo(map, visitor)), stored));
+                    return null;
+                }));
+                SharedUse.callTogether(tasks);
+                compareAll(contender, list(map::forEach), contents);
+            }
+        }
+    }
+
+    private void checkWhole(Contender contender, Operation operation, List<MappedRange> found,
+            Set<MappedRange> stored) {
+        if (!operation.isQuery()) {
+            return;
+        }
+        long position = operation.offset();
+        for (MappedRange range : found) {
+            if (!range.contains(position) || !stored.contains(range)) {
+                throw new Difference(workload.name() + ": a query of " + contender, range,
+                        "a range that was stored at " + position);
+            }
+            position = range.end();
+        }
+        if (position < operation.offset() + operation.length()) {
+            throw new Difference(workload.name() + ": a query of " + contender, found,
+                    "ranges up to " + (operation.offset() + operation.length()));
+        }
     }
 
     private void compare(Contender contender, List<MappedRange> found, List<MappedRange> expected) {
@@ -74,13 +126,17 @@ final class Agreement {
             MappedRange ours = i < found.size() ? found.get(i) : null;
             MappedRange theirs = i < expected.size() ? expected.get(i) : null;
             if (ours == null || !ours.equals(theirs)) {
-                throw new Difference(workload + ": range " + i + " of " + contender, ours, theirs);
+                throw new Difference(workload.name() + ": range " + i + " of " + contender, ours, theirs);
             }
         }
     }
 
     private List<MappedRange> answer(Contender contender, Operation query) {
         return list(visitor -> query.applyTo(maps.get(contender), visitor));
+    }
+
+    private List<MappedRange> list(Contender contender) {
+        return list(maps.get(contender)::forEach);
     }
 
     private static List<MappedRange> list(Consumer<Visitor> walk) {

@@ -1,5 +1,6 @@
 package stor.device.bench;
 
+import java.util.List;
 import java.util.TreeMap;
 import java.util.concurrent.ConcurrentSkipListMap;
 import java.util.function.Supplier;
@@ -14,6 +15,9 @@ enum Contender {
 
     static final int HEIGHT = 12;
 
+    /** Those that are asked for neighbours, and that several threads use. */
+    static final List<Contender> NAVIGABLE = List.of(LAYER, TREE, SKIP_LIST);
+
     private final String name;
     private final Supplier<RangeMap> maker;
 
@@ -24,6 +28,16 @@ enum Contender {
 
     RangeMap create() {
         return maker.get();
+    }
+
+    /** Gives a map that several threads may change, by inserts of ranges that lie there already. */
+    RangeMap createShared() {
+        return switch (this) {
+            case LAYER -> create();
+            case TREE -> new LockedRangeMap(create());
+            case SKIP_LIST -> new ConcurrentRangeMap();
+            default -> throw new UnsupportedOperationException(name + ": several threads");
+        };
     }
 
     boolean isOffHeap() {

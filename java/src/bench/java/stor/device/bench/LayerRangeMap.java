@@ -1,7 +1,8 @@
 package stor.device.bench;
 
+import java.util.Optional;
 import stor.device.skiplist.FileLocation;
-import stor.device.skiplist.FileLocation;
+import stor.device.skiplist.MappedRange;
 import stor.device.skiplist.OffHeapRangeMap;
 import stor.device.skiplist.Visitor;
 
@@ -22,6 +23,16 @@ final class LayerRangeMap implements RangeMap {
     }
 
     @Override
+    public void floor(long position, Visitor visitor) {
+        visit(map.floor(position), visitor);
+    }
+
+    @Override
+    public void last(Visitor visitor) {
+        visit(map.last(), visitor);
+    }
+
+    @Override
     public void forEach(Visitor visitor) {
         map.forEach(visitor);
     }
@@ -29,5 +40,14 @@ final class LayerRangeMap implements RangeMap {
     @Override
     public void close() {
         map.close();
+    }
+
+    private static void visit(Optional<MappedRange> found, Visitor visitor) {
+        if (found.isPresent()) {
+            MappedRange range = found.get();
+            FileLocation at = range.location();
+            visitor.visit(range.offset(), range.len(), at.number(), at.offset(), at.majorVer(),
+                    at.minorVer(), null);
+        }
     }
 }

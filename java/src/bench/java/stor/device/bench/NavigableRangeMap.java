@@ -61,6 +61,11 @@ final class NavigableRangeMap implements RangeMap {
             length = (int) (end - start);
         }
 
+        void visit(Visitor visitor) {
+            visitor.visit(start, length, Byte.toUnsignedInt(number), fileOffset, majorVer,
+                    minorVer, null);
+        }
+
         /** Cuts off what lies before a position, which becomes the start. */
         void advanceTo(long position) {
             long skip = position - start;
@@ -114,14 +119,29 @@ final class NavigableRangeMap implements RangeMap {
     }
 
     @Override
+    public void floor(long position, Visitor visitor) {
+        visit(entries.floorEntry(position), visitor);
+    }
+
+    @Override
+    public void last(Visitor visitor) {
+        visit(entries.lastEntry(), visitor);
+    }
+
+    @Override
     public void forEach(Visitor visitor) {
         visit(head.next, Long.MAX_VALUE, visitor);
     }
 
     private static void visit(Entry first, long end, Visitor visitor) {
         for (Entry entry = first; entry.start < end; entry = entry.next) {
-            visitor.visit(entry.start, entry.length, Byte.toUnsignedInt(entry.number),
-                    entry.fileOffset, entry.majorVer, entry.minorVer, null);
+            entry.visit(visitor);
+        }
+    }
+
+    private static void visit(Map.Entry<Long, Entry> found, Visitor visitor) {
+        if (found != null) {
+            found.getValue().visit(visitor);
         }
     }
 

@@ -6,18 +6,18 @@ import java.util.List;
 import java.util.Map;
 
 /** What the command line asks for. */
-record Options(
-        int rounds, int ranges, int gcRanges, List<String> cases, String out, Path trace) {
-    private static final String USAGE = "usage: RangeMapBenchmark [--rounds N] [--ranges N]"
-            + " [--gc-ranges N] [--cases a,b,c] [--out FILE] TRACE\n";
-    private static final Map<String, String> DEFAULTS = Map.of("--rounds", "9",
-            "--ranges", "300000", "--gc-ranges", "3000000",
-            "--cases", "trace,insert,overwrite,find,held", "--out", "");
+record Options(int warmUpRounds, int rounds, int ranges, int gcRanges, List<String> cases,
+        String out, Path trace) {
+    private static final String USAGE = "usage: RangeMapBenchmark [--warm-up N] [--rounds N]"
+            + " [--ranges N] [--gc-ranges N] [--cases a,b,c] [--out FILE] TRACE\n";
+    private static final Map<String, String> DEFAULTS = Map.of("--warm-up", "3", "--rounds", "9",
+            "--ranges", "300000", "--gc-ranges", "3000000", "--cases",
+            "trace,insert,overwrite,find,floor,last,readers-2,mixed-2,held", "--out", "");
     // Fewer would have no room for the longest request.
     private static final int LEAST_RANGES = 3;
 
     Options {
-        if (rounds < 1 || ranges < LEAST_RANGES || gcRanges < 1) {
+        if (warmUpRounds < 0 || rounds < 1 || ranges < LEAST_RANGES || gcRanges < 1) {
             throw new IllegalArgumentException("a number is too small");
         }
     }
@@ -34,7 +34,8 @@ record Options(
             if (args.length % 2 == 0) {
                 throw new IllegalArgumentException("no trace");
             }
-            return new Options(Integer.parseInt(values.get("--rounds")),
+            return new Options(Integer.parseInt(values.get("--warm-up")),
+                    Integer.parseInt(values.get("--rounds")),
                     Integer.parseInt(values.get("--ranges")),
                     Integer.parseInt(values.get("--gc-ranges")),
                     List.of(values.get("--cases").split(",")), values.get("--out"),

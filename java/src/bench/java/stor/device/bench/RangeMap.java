@@ -14,6 +14,16 @@ interface RangeMap extends AutoCloseable {
     /** Visits the ranges that share a byte with a range, in order. */
     void find(long offset, int length, Visitor visitor);
 
+    /** Visits the last of the ranges that begin at or before a position, if there is one. */
+    default void floor(long position, Visitor visitor) {
+        throw new UnsupportedOperationException("floor");
+    }
+
+    /** Visits the last range of all, if there is one. */
+    default void last(Visitor visitor) {
+        throw new UnsupportedOperationException("last");
+    }
+
     /** Visits all ranges in order. */
     void forEach(Visitor visitor);
 

@@ -14,6 +14,9 @@ final class Results {
     private static final List<Contender> RIVALS =
             List.of(Contender.TREE, Contender.SKIP_LIST, Contender.GUAVA);
 
+    /** The one figure of which more is better. */
+    static final String GAIN = "throughput of two threads / of one";
+
     private final Map<Figure, Map<Contender, List<Double>>> figures = new LinkedHashMap<>();
 
     /** What is measured: for a workload, with so many ranges in the map. */
@@ -34,10 +37,10 @@ final class Results {
             out.printf(Locale.ROOT, "%n%s, %,d ranges%n%-22s %14s %14s %14s %7s %12s %9s %14s%n",
                     figure.workload(), figure.ranges(), figure.metric(), "median", "min", "max",
                     "rounds", "/ best rival", "/ TreeMap", "/ TreeRangeMap");
-            double best = RIVALS.stream().mapToDouble(rival -> median(summaries, rival))
-                    .min().orElseThrow();
+            double best = RIVALS.stream().filter(summaries::containsKey)
+                    .mapToDouble(rival -> median(summaries, rival)).min().orElse(Double.NaN);
             summaries.forEach((contender, summary) -> out.printf(Locale.ROOT,
-                    "%-22s %,14.1f %,14.1f %,14.1f %7d %12s %9s %14s%n", contender,
+                    "%-22s %,14.2f %,14.2f %,14.2f %7d %12s %9s %14s%n", contender,
                     summary.median(), summary.min(), summary.max(), summary.rounds(),
                     ratio(summary, best), ratio(summary, median(summaries, Contender.TREE)),
                     ratio(summary, median(summaries, Contender.GUAVA))));
@@ -54,7 +57,7 @@ final class Results {
 
     private static String json(Figure figure, Contender contender, Summary summary) {
         return String.format(Locale.ROOT, "  {\"case\": \"%s\", \"map\": \"%s\", \"ranges\": %d, "
-                + "\"metric\": \"%s\", \"median\": %.1f, \"min\": %.1f, \"max\": %.1f, "
+                + "\"metric\": \"%s\", \"median\": %.3f, \"min\": %.3f, \"max\": %.3f, "
                 + "\"rounds\": %d}", figure.workload(), contender, figure.ranges(),
                 figure.metric(), summary.median(), summary.min(), summary.max(),
                 summary.rounds());
