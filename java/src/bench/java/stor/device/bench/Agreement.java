@@ -126,7 +126,8 @@ final class Agreement {
             MappedRange ours = i < found.size() ? found.get(i) : null;
             MappedRange theirs = i < expected.size() ? expected.get(i) : null;
             if (ours == null || !ours.equals(theirs)) {
-                throw new Difference(workload.name() + ": range " + i + " of " + contender, ours, theirs);
+                throw new Difference(
+                        workload.name() + ": range " + i + " of " + contender, ours, theirs);
             }
         }
     }

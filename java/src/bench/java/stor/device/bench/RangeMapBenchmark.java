@@ -47,7 +47,8 @@ public final class RangeMapBenchmark {
     }
 
     /** Runs the chosen cases; fails if the maps disagree. */
-    public static void main(String[] args) throws IOException, InterruptedException, ExecutionException {
+    public static void main(String[] args)
+            throws IOException, InterruptedException, ExecutionException {
         new RangeMapBenchmark(Options.parse(args)).run();
     }
 

@@ -117,7 +117,8 @@ final class Workloads {
         Random random = new Random(seed);
         int starts = pages * SECTORS_PER_PAGE - MOST_SECTORS;
         return Stream.generate(() -> make.apply((long) random.nextInt(starts) * SECTOR_SIZE,
-                (1 + random.nextInt(MOST_SECTORS)) * SECTOR_SIZE)).limit(operations(pages)).toList();
+                (1 + random.nextInt(MOST_SECTORS)) * SECTOR_SIZE))
+                .limit(operations(pages)).toList();
     }
 
     private static int operations(int pages) {
