@@ -27,6 +27,7 @@ RIVALS = [name for name in MAPS if name != OURS]
 OUR_JAVA = "OffHeapRangeMap"
 JAVA_RIVALS = ["TreeMap", "ConcurrentSkipListMap", "TreeRangeMap"]
 JAVA_MAPS = [OUR_JAVA, "native methods", *JAVA_RIVALS]
+GAIN = "throughput of two threads / of one"
 COLORS = ["#0072b2", "#e69f00", "#009e73", "#cc79a7", "#777777"]
 
 
@@ -55,10 +56,26 @@ def table(header, rows):
     return "\n".join("| " + " | ".join(map(str, line)) + " |" for line in lines)
 
 
-def verdict(ours, rivals):
-    """Ours by the best of the rivals, where less is better; bold where we lose."""
-    ratio = ours / min(rivals)
-    return f"**{ratio:.2f}**" if ratio > 1 else f"{ratio:.2f}"
+def verdict(ours, rivals, best=min):
+    """Ours by the best of the rivals, where less is better or more; bold where we lose."""
+    ratio = ours / best(rivals)
+    loses = ratio > 1 if best is min else ratio < 1
+    return f"**{ratio:.2f}**" if loses else f"{ratio:.2f}"
+
+
+class Stamps:
+    """Of which commit figures are, and what the machine was loaded with, by the names of runs."""
+
+    def __init__(self, results):
+        self.stamps = {file.stem: file.read_text().split() for file in results.glob("*.stamp")}
+
+    def line(self, prefix, has_times=True):
+        stamps = [stamp for name, stamp in sorted(self.stamps.items()) if name.startswith(prefix)]
+        if not stamps:
+            return ""
+        commits = " and ".join(dict.fromkeys(commit for commit, _ in stamps))
+        loads = ", ".join(load for _, load in stamps)
+        return f"Commit {commits}" + (f"; load of the machine before: {loads}" if has_times else "")
 
 
 # --- Reading --------------------------------------------------------------------------------------
@@ -111,6 +128,22 @@ def read_instructions(results):
     return counts
 
 
+def read_misses(results):
+    """By map, or `query`, and work: misses of the first-level cache and instructions, each."""
+    counts = {}
+    for profile in results.glob("misses.*.*"):
+        events = re.search(r"^events: (.*)", profile.read_text(errors="replace"), re.M)
+        if not events:
+            continue
+        totals = re.search(r"^(?:summary|totals): (.*)", profile.read_text(), re.M)
+        cost = dict(zip(events[1].split(), map(int, totals[1].split())))
+        operations = int(Path(f"{profile}.txt").read_text().split()[0])
+        _, name, work = profile.name.split(".")
+        misses = cost["D1mr"] + cost["D1mw"]
+        counts[name, work] = misses / operations, cost["Ir"] / operations
+    return counts
+
+
 # --- Tables ---------------------------------------------------------------------------------------
 
 
@@ -125,36 +158,36 @@ def machine_part(native):
     caches = ", ".join(
         f"L{cache['level']} {cache['type'].lower()} {cache['size'] // 1024:,} KiB"
         for cache in context["caches"])
-    loads = ", ".join(f"{context['load_avg'][0]:.1f}" for context in native.contexts)
     return "\n".join([
         f"- Machine: {first_line('lscpu', 'Model name: *(.*)')}, {context['num_cpus']} cores at "
         f"{context['mhz_per_cpu']:,} MHz; {caches}",
         f"- Compiler: {context['compiler']}, `{context['flags']}` ({context['build_type']}); "
         f"{first_line(['ldd', '--version'], '[(](.*)[)]')}",
         f"- JVM: {first_line(['java', '-version'], 'Runtime Environment [(]build (.*)[)]')}",
-        f"- Commit {context['commit']}, {context['date'][:10]}; load of the machine at the start "
-        f"of each run: {loads}",
+        f"- Date: {context['date'][:10]}",
     ])
 
 
 def native_part(native):
-    rows, lost = [], []
+    rows, lost = [], defaultdict(int)
+    beside = ["std-map", "btree-map"]
     for case, size, figures in native.against_rivals():
-        ours, *rivals = [figure.median for figure in figures]
+        ratios = []
+        for rival in beside:
+            theirs = native.get(case, rival, size).median
+            ratios.append(verdict(figures[0].median, [theirs]))
+            lost[rival] += figures[0].median > theirs
         rows.append([f"`{case}`", f"{size:,}" if size else "recorded",
-                     f"{native.ranges[case, size]:,}", *figures, verdict(ours, rivals)])
-        if ours > min(rivals):
-            lost.append((ours / min(rivals), case, size))
-    header = ["Case", "*n*", "Ranges afterwards", *MAPS.values(), "skip list / best rival"]
-    summary = f"The skip list loses in {len(lost)} of {len(rows)} cases (in bold)"
-    if lost:
-        ratio, case, size = max(lost)
-        summary += f", by the most, {ratio:.1f} times, in `{case}` of {size:,} ranges"
+                     f"{native.ranges[case, size]:,}", *figures, *ratios])
+    header = ["Case", "*n*", "Ranges afterwards", *MAPS.values(),
+              *(f"skip list / {MAPS[rival]}" for rival in beside)]
+    losses = " and ".join(f"to {MAPS[rival]} in {lost[rival]}" for rival in beside)
     rounds = sorted({(size, figures[0].rounds) for _, size, figures in native.against_rivals()})
     rounds = ", ".join(f"{count} at {size:,}" if size else f"{count} of the trace"
                        for size, count in rounds)
     return (f"Nanoseconds per operation: median ± coefficient of variation; rounds: {rounds}.\n\n"
-            + table(header, rows) + f"\n\n{summary}.\n\n![Ratios](charts/ratios.svg)")
+            + table(header, rows) + f"\n\nThe skip list loses {losses} of {len(rows)} cases "
+            "(in bold).\n\n![Ratios](charts/ratios.svg)")
 
 
 def buffers_part(native):
@@ -198,18 +231,48 @@ def instructions_part(counts):
     return table(["Map", "Instructions", "per request", "skip list / this"], rows)
 
 
-def java_part(entries):
-    figures = {}
-    for entry in entries:
-        row = entry["case"], entry["ranges"], entry["metric"]
-        figures.setdefault(row, {})[entry["map"]] = entry
+def misses_part(misses):
+    works = ["find", "insert", "overwrite"]
+    rows = [[MAPS[name], *("{:.1f}, {:,.0f}".format(*misses[name, work]) for work in works)]
+            for name in MAPS if (name, "find") in misses]
+    query = "{:.1f}, {:,.0f}".format(*misses["query", "find"])
+    return table(["Misses, instructions an operation", *(f"`{work}`" for work in works)],
+                 [*rows, ["skip list, the query alone", query, "", ""]])
+
+
+class Java:
+    """The figures of the benchmark of Java maps."""
+
+    def __init__(self, entries):
+        self.entries, self.rows = entries, {}
+        for entry in entries:
+            row = entry["case"], entry["ranges"], entry["metric"]
+            self.rows.setdefault(row, {})[entry["map"]] = entry
+
+    def size(self, case):
+        """The smallest that was measured, if any."""
+        return min((size for what, size, _ in self.rows if what == case), default=None)
+
+    def title(self, case):
+        return f"`{case}` in the JVM, {self.size(case):,} ranges"
+
+    def medians(self, case, metric):
+        """By map, of the smallest size."""
+        by_map = self.rows.get((case, self.size(case), metric), {})
+        return {name: entry["median"] for name, entry in by_map.items()}
+
+
+def java_part(java):
     rows = []
-    for (case, ranges, metric), by_map in figures.items():
+    for (case, ranges, metric), by_map in java.rows.items():
         rivals = [by_map[name]["median"] for name in JAVA_RIVALS if name in by_map]
-        ratio = verdict(by_map[OUR_JAVA]["median"], rivals) if OUR_JAVA in by_map and rivals else ""
+        best = max if metric == GAIN else min
+        ratio = ""
+        if OUR_JAVA in by_map and rivals:
+            ratio = verdict(by_map[OUR_JAVA]["median"], rivals, best)
         cells = [java_cell(by_map[name]) if name in by_map else "" for name in JAVA_MAPS]
         rows.append([f"`{case}`", f"{ranges:,}", metric, *cells, ratio])
-    rounds = sorted({entry["rounds"] for entry in entries})
+    rounds = sorted({entry["rounds"] for entry in java.entries})
     return ("Median (smallest–largest); rounds: "
             + ", ".join(map(str, rounds)) + ".\n\n"
             + table(["Case", "Ranges", "Figure", *JAVA_MAPS, f"{OUR_JAVA} / best Java map"], rows)
@@ -220,6 +283,103 @@ def java_cell(entry):
     if entry["min"] == entry["max"]:
         return number(entry["median"])
     return f"{number(entry['median'])} ({number(entry['min'])}–{number(entry['max'])})"
+
+
+# --- Aims ---------------------------------------------------------------------------------------
+
+# What the times of the skip list may be, beside std::map.
+MOST_BESIDE_TREE = {"find": 1.0, "insert": 1.2, "overwrite": 1.0}
+# Beside the B-tree, before there were signposts, by size; half of that is aimed at.
+BESIDE_BTREE_BEFORE = {
+    "find": {10**4: 2.69, 10**5: 7.41, 10**6: 4.08, 10**7: 4.94},
+    "insert": {10**4: 2.08, 10**5: 3.55, 10**6: 3.77, 10**7: 4.06},
+    "overwrite": {10**4: 1.89, 10**5: 5.28, 10**6: 3.36, 10**7: 4.04},
+}
+
+
+class Aims:
+    """Rows that set what was measured beside what was aimed at."""
+
+    def __init__(self):
+        self.rows = []
+
+    def most(self, what, value, limit):
+        self.add(what, value, "at most", limit, value <= limit)
+
+    def least(self, what, value, limit):
+        self.add(what, value, "at least", limit, value >= limit)
+
+    def add(self, what, value, kind, limit, met):
+        verdict = "met" if met else f"**missed by {100 * abs(value / limit - 1):.0f} %**"
+        self.rows.append([what, f"{kind} {aim(limit)}", aim(value), verdict])
+
+
+def aim(value):
+    return f"{value:,.0f}" if value >= 100 else f"{value:.2f}".rstrip("0").rstrip(".")
+
+
+def aim_at_counts(aims, instructions, misses):
+    if ("query", "find") in misses:
+        missed, executed = misses[OURS, "find"]
+        aims.most("`find` among 300,000, first-level misses, simulated", missed, 16)
+        aims.most("the same, instructions, with the reading of what is found", executed, 450)
+        aims.most("the same, instructions of the query alone", misses["query", "find"][1], 450)
+    if OURS in instructions:
+        total, requests = instructions[OURS]
+        aims.most("trace, instructions a request", total / requests, 800)
+
+
+def aim_at_native(aims, native):
+    for case, most in MOST_BESIDE_TREE.items():
+        for size in sorted({size for what, size in native.rows() if what == case}):
+            ours, tree, btree = (native.get(case, name, size).median
+                                 for name in (OURS, "std-map", "btree-map"))
+            if size >= 10**5:
+                aims.most(f"`{case}`, {size:,}, time / that of `std::map`", ours / tree, most)
+            aims.most(f"`{case}`, {size:,}, time / that of `absl::btree_map`", ours / btree,
+                      BESIDE_BTREE_BEFORE[case][size] / 2)
+    bytes_per_range = [figure.median for (case, name, _), figure in native.figures.items()
+                       if (case, name) == ("memory", OURS)]
+    if bytes_per_range:
+        aims.most("bytes a range, at the size that takes the most", max(bytes_per_range), 160)
+
+
+def aim_at_java(aims, java):
+    per_operation = "ns per operation"
+    for case, metric, rivals, limit in [
+            ("trace", per_operation, ["TreeMap"], 1.0),
+            ("find", per_operation, JAVA_RIVALS, 0.9),
+            ("find", "p99 ns", JAVA_RIVALS, 1.0),
+            ("insert", per_operation, JAVA_RIVALS, 0.9),
+            ("overwrite", per_operation, JAVA_RIVALS, 0.9),
+            ("floor", per_operation, ["TreeMap"], 1.2),
+            ("last", per_operation, ["TreeMap"], 1.2),
+            ("mixed-2", f"{per_operation}, two threads", ["ConcurrentSkipListMap"], 1.0)]:
+        medians = java.medians(case, metric)
+        if medians:
+            name = f"`{rivals[0]}`" if len(rivals) == 1 else "the best Java map"
+            best = min(medians[rival] for rival in rivals if rival in medians)
+            aims.most(f"{java.title(case)}, {metric} / that of {name}",
+                      medians[OUR_JAVA] / best, limit)
+    gains = java.medians("readers-2", GAIN)
+    if gains:
+        aims.least(f"{java.title('readers-2')}, {GAIN}", gains[OUR_JAVA], 1.8)
+    pauses, heaps = (java.medians("held", metric)
+                     for metric in ("full collection ms", "heap bytes"))
+    if pauses:
+        aims.most(f"{java.title('held')}, full collection, ms", pauses[OUR_JAVA], 6)
+        aims.most(f"{java.title('held')}, heap bytes", heaps[OUR_JAVA], 5000)
+
+
+def aims_part(native, instructions, misses, java):
+    aims = Aims()
+    aim_at_counts(aims, instructions, misses)
+    aim_at_native(aims, native)
+    if java:
+        aim_at_java(aims, java)
+    missed = sum("missed" in row[-1] for row in aims.rows)
+    return (table(["Figure", "aimed at", "measured", ""], aims.rows)
+            + f"\n\n{len(aims.rows) - missed} of {len(aims.rows)} are met.")
 
 
 # --- Charts ---------------------------------------------------------------------------------------
@@ -270,20 +430,19 @@ def draw_ratios(native, file):
     save(figure, file)
 
 
-def draw_latencies(entries, file):
+def draw_latencies(java, file):
     metrics = ["p50 ns", "p99 ns", "p99.9 ns"]
-    values = {(entry["case"], entry["metric"], entry["map"]): entry["median"] for entry in entries}
-    cases = list(dict.fromkeys(case for case, metric, _ in values if metric in metrics))
-    figure, panels = plt.subplots(1, len(cases), figsize=(3.4 * len(cases), 3.6), sharey=True,
-                                  squeeze=False)
-    for panel, case in zip(panels[0], cases):
+    cases = list(dict.fromkeys(case for case, _, metric in java.rows if metric in metrics))
+    across = 3
+    figure, panels = plt.subplots(-(-len(cases) // across), across, figsize=(10.2, 6.6),
+                                  sharey=True, squeeze=False)
+    for panel, case in zip(panels.flat, cases):
         for index, (name, color) in enumerate(zip(JAVA_MAPS, COLORS)):
             places = [place + 0.16 * (index - 2) for place in range(len(metrics))]
-            heights = [values.get((case, metric, name), 0) for metric in metrics]
+            heights = [java.medians(case, metric).get(name, 0) for metric in metrics]
             panel.bar(places, heights, 0.16, color=color, label=name)
-        panel.set(title=case, yscale="log")
+        panel.set(title=case, yscale="log", ylabel="ns")
         panel.set_xticks(range(len(metrics)), [metric.removesuffix(" ns") for metric in metrics])
-    panels[0][0].set_ylabel("ns")
     panels[0][0].legend(fontsize="x-small")
     save(figure, file)
 
@@ -305,10 +464,13 @@ def main():
     # The same file for the same figures, and text as text.
     matplotlib.rcParams.update({"svg.hashsalt": "bench", "svg.fonttype": "none"})
 
+    stamps = Stamps(results)
     native = Native(sorted(results.glob("native-*.json")))
+    instructions, misses = read_instructions(results), read_misses(results)
+    java = None
     parts = {
         "machine": machine_part(native),
-        "native": native_part(native),
+        "native": f"{stamps.line('native')}.\n\n{native_part(native)}",
         "growth": "![Growth](charts/growth.svg)",
         "buffers": buffers_part(native),
         "memory": memory_part(native),
@@ -316,14 +478,17 @@ def main():
     }
     draw_growth(native, charts / "growth.svg")
     draw_ratios(native, charts / "ratios.svg")
-    counts = read_instructions(results)
-    if counts:
-        parts["instructions"] = instructions_part(counts)
-    java = results / "java.json"
-    if java.exists():
-        entries = json.loads(java.read_text())
-        parts["java"] = java_part(entries)
-        draw_latencies(entries, charts / "java-latencies.svg")
+    if instructions:
+        parts["instructions"] = (f"{stamps.line('instructions', has_times=False)}.\n\n"
+                                 + instructions_part(instructions))
+    if ("query", "find") in misses:
+        parts["misses"] = f"{stamps.line('misses', has_times=False)}.\n\n{misses_part(misses)}"
+    files = sorted(results.glob("java*.json"))
+    if files:
+        java = Java([entry for file in files for entry in json.loads(file.read_text())])
+        parts["java"] = f"{stamps.line('java')}.\n\n{java_part(java)}"
+        draw_latencies(java, charts / "java-latencies.svg")
+    parts["aims"] = aims_part(native, instructions, misses, java)
 
     text = document.read_text()
     for name, content in parts.items():
