@@ -17,8 +17,11 @@ import java.util.ConcurrentModificationException;
  */
 final class MapGuard {
     private static final int CHANGES_BETWEEN_SWEEPS = 256;
-    /** The visits that each thread is inside, the innermost first; null outside of all. */
-    private static final ThreadLocal<Visit> VISITS = new ThreadLocal<>();
+    /**
+     * The visits that each thread is inside: an array of one, the innermost. Its class keeps no
+     * class loader of ours as long as the thread lives.
+     */
+    private static final ThreadLocal<Object[]> VISITS = ThreadLocal.withInitial(() -> new Object[1]);
 
     private final SharedLock lock = new SharedLock();
     private final String map;
@@ -29,7 +32,7 @@ final class MapGuard {
     private volatile String closedBy;
 
     /** A visit, and the one that it is inside. */
-    private record Visit(MapGuard guard, Visit around) {
+    private record Visit(MapGuard guard, Object around) {
     }
 
     /** What a call does. */
@@ -85,7 +88,8 @@ final class MapGuard {
         if (access == Access.CHANGE) {
             changing = false;
         } else if (access == Access.VISIT) {
-            VISITS.set(VISITS.get().around());
+            Object[] visits = VISITS.get();
+            visits[0] = ((Visit) visits[0]).around();
         }
         unlock(access);
         Reference.reachabilityFence(this);
@@ -192,7 +196,8 @@ final class MapGuard {
             sweepNowAndThen();
             changing = true;
         } else if (access == Access.VISIT) {
-            VISITS.set(new Visit(this, VISITS.get()));
+            Object[] visits = VISITS.get();
+            visits[0] = new Visit(this, visits[0]);
         }
     }
 
@@ -220,12 +225,11 @@ final class MapGuard {
     }
 
     private boolean isVisitedByThisThread() {
-        for (Visit visit = VISITS.get(); visit != null; visit = visit.around()) {
-            if (visit.guard() == this) {
-                return true;
-            }
+        Visit visit = (Visit) VISITS.get()[0];
+        while (visit != null && visit.guard() != this) {
+            visit = (Visit) visit.around();
         }
-        return false;
+        return visit != null;
     }
 
     /** Lets the next change ask for a sweep, since memory was refused that may be free by then. */

@@ -10,8 +10,8 @@ import java.util.ConcurrentModificationException;
  */
 public final class Visited {
     private final Thread visitor = Thread.currentThread();
-    // The range being visited, or 0. Volatile, so that a stranger's thread sees the end, too.
-    private volatile long node;
+    // The range being visited, or 0. Nobody but the visitor gets to use it.
+    private long node;
 
     Visited() {
     }
@@ -65,11 +65,10 @@ public final class Visited {
     }
 
     private long node() {
-        long current = node;
-        if (current == 0 || Thread.currentThread() != visitor) {
+        if (Thread.currentThread() != visitor || node == 0) {
             throw new ConcurrentModificationException(
                     "visited range: used outside its visit (expected: only in visit())");
         }
-        return current;
+        return node;
     }
 }
