@@ -20,8 +20,8 @@ record HolePlan(long start, int len, long removed) {
         long first = 0;
         long last = 0;
         long removed = 0;
-        long[] run = MapSearch.run(handle, offset, len);
-        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+        for (long node = MapSearch.firstEndingAfter(handle, offset);
+                NodeReader.offset(node) < end; node = NodeReader.next(node)) {
             if (!NodeReader.isHole(node)) {
                 removed += Math.min(end, NodeReader.end(node))
                         - Math.max(offset, NodeReader.offset(node));

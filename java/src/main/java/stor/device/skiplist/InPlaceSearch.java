@@ -10,7 +10,6 @@ package stor.device.skiplist;
 final class InPlaceSearch {
     /** No range begins at the last position of all, which the end mark has. */
     private static final long LAST_START = Long.MAX_VALUE - 1;
-    private static final int LONGEST_WALK = 8;
 
     private InPlaceSearch() {
     }
@@ -46,18 +45,6 @@ final class InPlaceSearch {
         return position == Long.MIN_VALUE
                 ? NativeLayout.next(NativeLayout.head(map), 0)
                 : NativeLayout.next(lastStartingBy(map, position - 1), 0);
-    }
-
-    /** Gives where a walk over the nodes that begin before an end stops, from one that does not. */
-    static long stop(long map, long first, long end) {
-        long node = first;
-        for (int steps = 0; NativeLayout.offset(node) < end; steps++) {
-            if (steps == LONGEST_WALK) {
-                return firstStartingFrom(map, end);
-            }
-            node = NativeLayout.next(node, 0);
-        }
-        return node;
     }
 
     /**

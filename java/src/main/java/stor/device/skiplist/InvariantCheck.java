@@ -15,8 +15,8 @@ final class InvariantCheck {
     /** Walks a map whose guard the caller is inside. */
     static void run(long handle) {
         InvariantCheck check = new InvariantCheck();
-        long[] run = MapSearch.runOverAll(handle);
-        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+        for (long node = MapSearch.first(handle); !NodeReader.isEndMark(node);
+                node = NodeReader.next(node)) {
             check.range(NodeReader.range(node), NodeReader.buffer(node));
         }
         check.end(JniSkipListNative.getSkipListSize(handle),

@@ -39,8 +39,8 @@ final class MapFileWriter {
     /** Takes all ranges of a map whose lock the caller holds. */
     void encode(long map, BufferedRanges buffered) {
         long count = 0;
-        long[] run = MapSearch.runOverAll(map);
-        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+        for (long node = MapSearch.first(map); !NodeReader.isEndMark(node);
+                node = NodeReader.next(node)) {
             if (buffered == BufferedRanges.REFUSE) {
                 requireNoBuffer(node);
             }

@@ -5,6 +5,9 @@ import java.util.Arrays;
 /**
  * Finds nodes of a map: in place where that is possible, otherwise by its native queries. The caller
  * is inside the map's guard; what is found ends with the next change.
+ *
+ * <p>A walk over what shares a byte with a range goes from the first node that ends after its start
+ * to the first that does not begin before its end. The end mark begins before no end.
  */
 final class MapSearch {
     private MapSearch() {
@@ -17,35 +20,25 @@ final class MapSearch {
                 : JniSkipListNative.getNodes(handle, position, 0)[0];
     }
 
-    /** Gives the first range that shares a byte with a range, and where a walk stops. */
-    static long[] run(long handle, long offset, long len) {
-        long end = offset + len;
-        if (NativeLayout.IS_TRUSTED) {
-            long first = InPlaceSearch.firstEndingAfter(handle, offset);
-            return new long[] {first, InPlaceSearch.stop(handle, first, end)};
-        }
-        if (len <= Integer.MAX_VALUE) {
-            return JniSkipListNative.getNodes(handle, offset, (int) len);
-        }
-        long first = firstEndingAfter(handle, offset);
-        long stop = firstEndingAfter(handle, end);
-        return new long[] {first, NodeReader.offset(stop) < end ? NodeReader.next(stop) : stop};
+    /** Gives the first range, or the end mark. */
+    static long first(long handle) {
+        return NativeLayout.IS_TRUSTED
+                ? NativeLayout.next(NativeLayout.head(handle), 0)
+                : JniSkipListNative.getAllNodes(handle)[0];
     }
 
-    /** Gives the first range, and the end mark, where a walk stops. */
-    static long[] runOverAll(long handle) {
-        if (!NativeLayout.IS_TRUSTED) {
-            return JniSkipListNative.getAllNodes(handle);
-        }
-        return new long[] {
-            NativeLayout.next(NativeLayout.head(handle), 0), NativeLayout.tail(handle)};
+    private static long endMark(long handle) {
+        return NativeLayout.IS_TRUSTED
+                ? NativeLayout.tail(handle)
+                : JniSkipListNative.getAllNodes(handle)[1];
     }
 
-    /** Lists the nodes of a run. */
-    static long[] nodes(long[] run) {
+    /** Lists the nodes that share a byte with what is between two positions. */
+    static long[] nodes(long handle, long offset, long end) {
         long[] nodes = new long[16];
         int count = 0;
-        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+        for (long node = firstEndingAfter(handle, offset); NodeReader.offset(node) < end;
+                node = NodeReader.next(node)) {
             if (count == nodes.length) {
                 nodes = Arrays.copyOf(nodes, 2 * count);
             }
@@ -56,13 +49,13 @@ final class MapSearch {
 
     /** Gives the range before another or before the end mark; the end mark if there is none. */
     static long before(long handle, long node) {
-        long[] all = runOverAll(handle);
-        if (all[0] == node) {
-            return all[1];
+        long first = first(handle);
+        if (first == node) {
+            return endMark(handle);
         }
         return NativeLayout.IS_TRUSTED
                 ? InPlaceSearch.lastStartingBy(handle, NodeReader.offset(node) - 1)
-                : beforeByQueries(handle, all[0], node);
+                : beforeByQueries(handle, first, node);
     }
 
     /**
@@ -113,7 +106,7 @@ final class MapSearch {
     static long floor(long handle, long position) {
         if (NativeLayout.IS_TRUSTED) {
             long last = InPlaceSearch.lastStartingBy(handle, position);
-            return last == NativeLayout.head(handle) ? NativeLayout.tail(handle) : last;
+            return last == NativeLayout.head(handle) ? endMark(handle) : last;
         }
         // The end mark starts at the last position of all.
         long start = Math.min(position, Long.MAX_VALUE - 1);

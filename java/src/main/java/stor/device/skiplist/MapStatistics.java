@@ -24,8 +24,8 @@ public record MapStatistics(int ranges, int holes, long coveredBytes, int buffer
         long coveredBytes = 0;
         int buffers = 0;
         long bufferedBytes = 0;
-        long[] run = MapSearch.runOverAll(handle);
-        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+        for (long node = MapSearch.first(handle); !NodeReader.isEndMark(node);
+                node = NodeReader.next(node)) {
             if (NodeReader.isHole(node)) {
                 holes++;
                 continue;

@@ -582,7 +582,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
         Visited visited = new Visited();
         guard.enter("forEach", Access.VISIT);
         try {
-            walk(MapSearch.runOverAll(nativeMap.handle()), visitor, visited);
+            walk(MapSearch.first(nativeMap.handle()), Long.MAX_VALUE, visitor, visited);
         } finally {
             visited.moveTo(0);
             guard.leave(Access.VISIT);
@@ -605,7 +605,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
         Visited visited = new Visited();
         guard.enter("forEach", Access.VISIT);
         try {
-            walk(MapSearch.run(nativeMap.handle(), offset, len), visitor, visited);
+            walk(firstEndingAfter(offset), offset + len, visitor, visited);
         } finally {
             visited.moveTo(0);
             guard.leave(Access.VISIT);
@@ -632,9 +632,10 @@ public final class OffHeapRangeMap implements AutoCloseable {
         Visited visited = new Visited();
         guard.enter("forEachWhile", Access.VISIT);
         try {
-            long[] run = MapSearch.run(nativeMap.handle(), offset, len);
             boolean goesOn = true;
-            for (long node = run[0]; goesOn && node != run[1]; node = NodeReader.next(node)) {
+            for (long node = firstEndingAfter(offset);
+                    goesOn && NodeReader.offset(node) < offset + len;
+                    node = NodeReader.next(node)) {
                 goesOn = visit(node, visitor, visited);
             }
             return goesOn;
@@ -664,7 +665,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
         Visited visited = new Visited();
         guard.enter("forEachDescending", Access.VISIT);
         try {
-            long[] nodes = MapSearch.nodes(MapSearch.run(nativeMap.handle(), offset, len));
+            long[] nodes = MapSearch.nodes(nativeMap.handle(), offset, offset + len);
             boolean goesOn = true;
             for (int i = nodes.length - 1; goesOn && i >= 0; i--) {
                 goesOn = visit(nodes[i], visitor, visited);
@@ -693,7 +694,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
         Arguments.notNull("read", "batch", batch);
         guard.enter("read", Access.QUERY);
         try {
-            return batch.fill(MapSearch.run(nativeMap.handle(), offset, len));
+            return batch.fill(firstEndingAfter(offset), offset + len);
         } finally {
             guard.leave(Access.QUERY);
         }
@@ -715,8 +716,8 @@ public final class OffHeapRangeMap implements AutoCloseable {
         List<MappedRange> found = new ArrayList<>();
         guard.enter("ranges", Access.QUERY);
         try {
-            long[] run = MapSearch.run(nativeMap.handle(), offset, len);
-            for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+            for (long node = firstEndingAfter(offset); NodeReader.offset(node) < offset + len;
+                    node = NodeReader.next(node)) {
                 if (!NodeReader.isHole(node)) {
                     found.add(NodeReader.range(node));
                 }
@@ -857,7 +858,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
     public Optional<MappedRange> first() {
         guard.enter("first", Access.QUERY);
         try {
-            return storedFrom(MapSearch.runOverAll(nativeMap.handle())[0]);
+            return storedFrom(MapSearch.first(nativeMap.handle()));
         } finally {
             guard.leave(Access.QUERY);
         }
@@ -1164,7 +1165,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
     private RuntimeException explained(
             RuntimeException failure, Throwable ofCaller, long offset, int len) {
         return StoredSlices.explain(
-                failure, ofCaller, MapSearch.run(nativeMap.handle(), offset, len));
+                failure, ofCaller, firstEndingAfter(offset), offset + len);
     }
 
     /** Does an insert, and tells which pieces have lost their bytes once it is done. */
@@ -1193,8 +1194,8 @@ public final class OffHeapRangeMap implements AutoCloseable {
     /** Adds the pieces of a range that are stored. */
     private void findStored(List<MappedRange> pieces, long offset, int len) {
         long end = offset + len;
-        long[] run = MapSearch.run(nativeMap.handle(), offset, len);
-        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+        for (long node = firstEndingAfter(offset); NodeReader.offset(node) < end;
+                node = NodeReader.next(node)) {
             if (!NodeReader.isHole(node)) {
                 long from = Math.max(offset, NodeReader.offset(node));
                 long to = Math.min(end, NodeReader.end(node));
@@ -1211,7 +1212,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
         long removed = 0;
         long from = offset;
         while (from < end) {
-            long node = MapSearch.firstEndingAfter(nativeMap.handle(), from);
+            long node = firstEndingAfter(from);
             long start = Math.max(from, NodeReader.offset(MapSearch.storedFrom(node)));
             if (start >= end) {
                 break;
@@ -1250,10 +1251,10 @@ public final class OffHeapRangeMap implements AutoCloseable {
             FileLocation replacement) {
         long end = offset + len;
         MappedRange request = new MappedRange(offset, len, false, expected);
-        long[] run = MapSearch.run(nativeMap.handle(), offset, len);
         // All parts are found before the first insert changes what is there.
         List<MappedRange> parts = new ArrayList<>();
-        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+        for (long node = firstEndingAfter(offset); NodeReader.offset(node) < end;
+                node = NodeReader.next(node)) {
             MappedRange range = NodeReader.range(node);
             if (fusions.isConnected(range, request)) {
                 long from = Math.max(range.offset(), offset);
@@ -1274,9 +1275,9 @@ public final class OffHeapRangeMap implements AutoCloseable {
     private long releaseInside(long offset, long end) {
         long released = 0;
         RuntimeException failure = null;
-        long[] run = MapSearch.run(nativeMap.handle(), offset, end - offset);
         // Nodes stay where they are when their buffers go.
-        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+        for (long node = firstEndingAfter(offset); NodeReader.offset(node) < end;
+                node = NodeReader.next(node)) {
             if (NodeReader.offset(node) >= offset && NodeReader.end(node) <= end
                     && NodeReader.isMemoryType(node)) {
                 try {
@@ -1310,7 +1311,8 @@ public final class OffHeapRangeMap implements AutoCloseable {
             destination.releaseNative(0, 0, FileLocation.EMPTY);
             JniSkipListNative.copySkipList(nativeMap.handle(), destination.nativeMap.handle());
         } catch (RuntimeException e) {
-            throw StoredSlices.explain(e, null, MapSearch.runOverAll(nativeMap.handle()));
+            throw StoredSlices.explain(
+                    e, null, MapSearch.first(nativeMap.handle()), Long.MAX_VALUE);
         }
     }
 
@@ -1319,8 +1321,8 @@ public final class OffHeapRangeMap implements AutoCloseable {
      * map, which others may be reading.
      */
     private void copyChecked(OffHeapRangeMap destination) {
-        long[] run = MapSearch.runOverAll(nativeMap.handle());
-        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+        for (long node = MapSearch.first(nativeMap.handle()); !NodeReader.isEndMark(node);
+                node = NodeReader.next(node)) {
             MappedRange range = NodeReader.range(node);
             if (range.memoryType()) {
                 destination.insertNative(range.offset(), range.len(), range.location(),
@@ -1333,8 +1335,8 @@ public final class OffHeapRangeMap implements AutoCloseable {
         }
     }
 
-    private static void walk(long[] run, Visitor visitor, Visited visited) {
-        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+    private static void walk(long first, long end, Visitor visitor, Visited visited) {
+        for (long node = first; NodeReader.offset(node) < end; node = NodeReader.next(node)) {
             visited.moveTo(node);
             visitor.visit(NodeReader.offset(node), NodeReader.len(node),
                     NodeReader.fileNumber(node), NodeReader.fileOffset(node),
@@ -1350,9 +1352,13 @@ public final class OffHeapRangeMap implements AutoCloseable {
                 NodeReader.majorVer(node), NodeReader.minorVer(node), visited);
     }
 
+    private long firstEndingAfter(long position) {
+        return MapSearch.firstEndingAfter(nativeMap.handle(), position);
+    }
+
     /** Gives the stored range that contains a position, or 0. */
     private long containing(long position) {
-        long node = MapSearch.firstEndingAfter(nativeMap.handle(), position);
+        long node = firstEndingAfter(position);
         boolean stored = NodeReader.offset(node) <= position && !NodeReader.isEndMark(node)
                 && !NodeReader.isHole(node);
         return stored ? node : 0;

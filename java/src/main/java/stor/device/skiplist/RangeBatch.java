@@ -153,11 +153,15 @@ public final class RangeBatch {
         return offset(size - 1) + len(size - 1);
     }
 
-    /** Reads a run of a map whose guard the caller is inside; tells whether there is more of it. */
-    boolean fill(long[] run) {
+    /**
+     * Reads the nodes that begin before an end, from a first one of a map whose guard the caller is
+     * inside; tells whether there are more of them.
+     */
+    boolean fill(long first, long end) {
         size = 0;
-        long node = run[0];
-        for (; node != run[1] && size < offsets.length; node = NodeReader.next(node)) {
+        long node = first;
+        for (; NodeReader.offset(node) < end && size < offsets.length;
+                node = NodeReader.next(node)) {
             offsets[size] = NodeReader.offset(node);
             lens[size] = NodeReader.len(node);
             fileNumbers[size] = NodeReader.fileNumber(node);
@@ -167,7 +171,7 @@ public final class RangeBatch {
             memoryTypes[size] = NodeReader.isMemoryType(node);
             size++;
         }
-        return node != run[1];
+        return NodeReader.offset(node) < end;
     }
 
     private int checked(int index) {

@@ -15,13 +15,15 @@ final class StoredSlices {
      *
      * @param failure what the native side has thrown
      * @param ofCaller what the caller's buffer threw, or null
-     * @param run the nodes whose buffers may have been asked; of a map whose guard the caller is
-     *     inside, and which has been left unchanged
+     * @param first begins the nodes whose buffers may have been asked, of a map whose guard the
+     *     caller is inside, and which has been left unchanged
+     * @param end before it they begin
      */
-    static RuntimeException explain(RuntimeException failure, Throwable ofCaller, long[] run) {
+    static RuntimeException explain(
+            RuntimeException failure, Throwable ofCaller, long first, long end) {
         String message = failure.getMessage();
         if (message != null && message.startsWith(SLICE_FAILED) && failure.getCause() == null) {
-            Throwable cause = ofCaller == null ? firstFailure(run) : ofCaller;
+            Throwable cause = ofCaller == null ? firstFailure(first, end) : ofCaller;
             if (cause != null) {
                 failure.initCause(cause);
             }
@@ -29,8 +31,8 @@ final class StoredSlices {
         return failure;
     }
 
-    private static Throwable firstFailure(long[] run) {
-        for (long node = run[0]; node != run[1]; node = NodeReader.next(node)) {
+    private static Throwable firstFailure(long first, long end) {
+        for (long node = first; NodeReader.offset(node) < end; node = NodeReader.next(node)) {
             ByteBuf buffer = NodeReader.buffer(node);
             if (buffer != null) {
                 try {
