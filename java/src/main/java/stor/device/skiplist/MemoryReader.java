@@ -80,8 +80,8 @@ final class MemoryReader {
             if (version < FIRST_TO_WARN_OF_UNSAFE) {
                 return byUnsafe();
             }
-        } catch (ReflectiveOperationException | RuntimeException | LinkageError e) {
-            // This JVM is made without it.
+        } catch (Exception | Error e) {
+            // This JVM, or an image made ahead of time, is without it.
         }
         return new Reads(null, null, null);
     }

@@ -18,18 +18,19 @@
  *
  * <h2>Hot paths</h2>
  *
- * <p>{@code insert}, {@code compareAndSet}, {@code compareAndRelease} and {@code forEach} over a
- * short range. Beside the native call each takes an uncontended lock and compares a few numbers.
- * In a map whose ranges are spread over 2^31 bytes and more, an insert costs two queries more from
- * the first request on that does not begin and end on a sector, or whose place does not lie within
- * the first 2^31-1 bytes of its file; so does, always, one of an empty location. Lists and
- * {@code Optional} results make objects and are for convenience. So are {@code floor},
- * {@code lower}, {@code last} and {@code remove}, which may need some 64 queries and more.
+ * <p>{@code insert}, {@code compareAndSet}, {@code compareAndRelease}, and all queries and walks.
+ * Beside its search or native call each takes an uncontended lock and compares a few numbers.
+ * Queries read native memory in place, without a native call, where the JVM allows it (see
+ * {@link stor.device.skiplist.OffHeapRangeMap}). In a map whose ranges are spread over 2^31 bytes
+ * and more, an insert costs two searches more from the first request on that does not begin and end
+ * on a sector, or whose place does not lie within the first 2^31-1 bytes of its file; so does,
+ * always, one of an empty location. Lists and {@code Optional} results make objects and are for
+ * convenience.
  *
  * <h2>Threads</h2>
  *
- * <p>A map serialises its calls with a lock of its own, in the order in which they get it;
- * different maps run at once. Platform and virtual threads may be mixed. A virtual thread that
+ * <p>Queries of a map run at once; changes are alone in it, and come before queries that are asked
+ * after them. Different maps have nothing to do with each other. Platform and virtual threads may be mixed. A virtual thread that
  * waits for a map gives its carrier up, one that is inside a native call keeps it.
  * {@code NativeMemory} may be used by any thread.
  *
