@@ -8,8 +8,8 @@ import java.util.concurrent.locks.ReentrantLock;
  * Lets any number of threads share something, or one have it alone.
  *
  * <p>Sharers count themselves in, each thread at a place of its own: so they meet in no line of the
- * cache while nobody wants to be alone. Who does takes his turn, closes the way in, and waits until
- * the counts are 0. From then on newcomers wait for a turn, too: sharers do not keep others from
+ * cache while nobody wants to be alone. Who does takes his turn, which closes the way in, and waits
+ * until the counts are 0. Meanwhile newcomers wait for a turn, too: sharers do not keep others from
  * being alone, however many there are. Nobody needs a carrier thread while he waits.
  *
  * <p>A thread may enter again what it is in, and share what it has alone. Who shares only must not
@@ -28,8 +28,8 @@ final class SharedLock {
             Integer.highestOneBit(4 * Runtime.getRuntime().availableProcessors()));
     private static final int HASH_SHIFT = Long.numberOfLeadingZeros(PLACES) + 1;
 
+    // Closes the way in while it is held.
     private final ReentrantLock turn = new ReentrantLock();
-    private volatile boolean closed;
     private volatile Thread waiting;
     // Replaced by whoever is alone.
     private volatile AtomicLongArray sharers = new AtomicLongArray(1);
@@ -39,7 +39,7 @@ final class SharedLock {
     boolean tryEnterShared() {
         AtomicLongArray counts = sharers;
         long others = countIn(counts);
-        if (!closed && counts == sharers) {
+        if (!turn.isLocked() && counts == sharers) {
             if (others > 0 && counts.length() == 1) {
                 crowded = true;
             }
@@ -62,7 +62,7 @@ final class SharedLock {
         }
         for (int i = 0; i < LOOKS; i++) {
             Thread.onSpinWait();
-            if (!closed && tryEnterShared()) {
+            if (!turn.isLocked() && tryEnterShared()) {
                 return;
             }
         }
@@ -85,7 +85,6 @@ final class SharedLock {
     void enterAlone() {
         turn.lock();
         if (turn.getHoldCount() == 1) {
-            closed = true;
             awaitEmpty();
         }
     }
@@ -102,21 +101,17 @@ final class SharedLock {
         if (turn.getHoldCount() > 1) {
             return true;
         }
-        closed = true;
         for (int i = 0; i < looks; i++) {
             if (isEmpty()) {
                 return true;
             }
             Thread.onSpinWait();
         }
-        leaveAlone();
+        turn.unlock();
         return false;
     }
 
     void leaveAlone() {
-        if (turn.getHoldCount() == 1) {
-            closed = false;
-        }
         turn.unlock();
     }
 
