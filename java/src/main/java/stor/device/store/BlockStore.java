@@ -44,7 +44,8 @@ import stor.device.skiplist.Visitor;
  * <p>Any thread may call any method. {@code index} guards the maps and is never held while a file
  * is read or written. At most one flush and one compaction run at a time, also beside each other.
  * Locks are taken in this order: {@code flushing} or {@code compacting}, file map, {@code index},
- * segments. An interrupt ends nothing here, and is kept for whoever asks next.
+ * segments. An interrupt ends nothing here, and is kept for whoever asks next. A closed store, or one
+ * that is being closed, throws {@link IllegalStateException} from everything but {@code close}.
  */
 public final class BlockStore implements AutoCloseable {
     /** An insert makes up to three ranges before it drops what they replace. */
@@ -64,11 +65,11 @@ public final class BlockStore implements AutoCloseable {
     private final SegmentWriter compacted;
     private final Flusher flusher;
     private final Compactor compactor;
-    private boolean closed;
 
     private final Object index = new Object();
 
     // Under the lock of index.
+    private boolean closed;
     private final WriteBuffer buffer;
     private final Set<Snapshot> snapshots = new HashSet<>();
     private long sequence;
@@ -107,12 +108,12 @@ public final class BlockStore implements AutoCloseable {
 
     /** Opens the store of a disk, which is closed with it. */
     static BlockStore open(Disk disk, StoreSettings settings) throws IOException {
+        Recovery recovery = new Recovery(disk, settings);
         try {
-            Recovery recovery = new Recovery(disk, settings);
             recovery.run();
             return new BlockStore(disk, settings, recovery);
         } catch (IOException | RuntimeException | Error failure) {
-            try (disk) {
+            try (disk; recovery) {
                 throw failure;
             }
         }
@@ -149,6 +150,8 @@ public final class BlockStore implements AutoCloseable {
      * @throws IOException if a flush failed; nothing was written
      * @throws OutOfMemoryError if the memory limit leaves no room and a flush does not help;
      *     nothing was written
+     * @throws RuntimeException if somebody else has released a buffer that is overwritten. If that
+     *     is overwritten as a whole, this write is done; if in part, nothing was written
      */
     public void write(long offset, ByteBuf data) throws IOException {
         int length = data.readableBytes();
@@ -156,10 +159,7 @@ public final class BlockStore implements AutoCloseable {
         if (isFull(length)) {
             flush();
         }
-        insert("write", () -> {
-            buffer.write(offset, length, data, sequence + 1);
-            sequence++;
-        });
+        insert("write", () -> buffer.write(offset, length, data, ++sequence));
     }
 
     /**
@@ -173,6 +173,7 @@ public final class BlockStore implements AutoCloseable {
     public byte[] read(long offset, int length) throws IOException {
         try (ReadPlan plan = newPlan(offset, length)) {
             synchronized (index) {
+                requireOpen("read");
                 plan.find(buffer.maps(), fileMap.map());
             }
             return plan.execute();
@@ -201,10 +202,14 @@ public final class BlockStore implements AutoCloseable {
      *
      * @return the bytes written
      * @throws IOException if a file cannot be written
+     * @throws IllegalStateException if somebody else has released a buffer that was written: all
+     *     the others went out, and its sectors are damaged ones, if the bytes are gone, until they
+     *     are written anew
      */
     public long flush() throws IOException {
-        flushing.lock();
+        begin("flush", flushing);
         try {
+            requireOpen("flush");
             return flusher.flush();
         } finally {
             flushing.unlock();
@@ -221,7 +226,13 @@ public final class BlockStore implements AutoCloseable {
      * @throws IOException if a file cannot be written or deleted; nothing is lost
      */
     public long compact() throws IOException {
-        return compact(capacity() / 2, capacity());
+        begin("compact", compacting);
+        try {
+            requireOpen("compact");
+            return compactor.compact(capacity() / 2, capacity());
+        } finally {
+            compacting.unlock();
+        }
     }
 
     /**
@@ -232,29 +243,31 @@ public final class BlockStore implements AutoCloseable {
      * @throws IOException as {@link #compact}
      */
     public long defragment() throws IOException {
-        flushing.lock();
+        begin("defragment", flushing);
         try {
+            requireOpen("defragment");
             flushed.finish();
         } finally {
             flushing.unlock();
         }
-        compacting.lock();
+        begin("defragment", compacting);
         try {
+            requireOpen("defragment");
             compacted.finish();
             damaged.clear();
-            return compact(capacity(), Long.MAX_VALUE);
+            return compactor.compact(capacity(), Long.MAX_VALUE);
         } finally {
             compacting.unlock();
         }
     }
 
-    private long compact(long mostLive, long enough) throws IOException {
-        compacting.lock();
-        try {
-            return compactor.compact(mostLive, enough);
-        } finally {
-            compacting.unlock();
+    /** Waits for its turn, which cannot come inside of itself or while the maps are visited. */
+    private void begin(String operation, ReentrantLock turn) {
+        if (turn.isHeldByCurrentThread() || Thread.holdsLock(index)) {
+            throw new IllegalStateException(
+                    operation + ": called back by the store (expected: called when that is done)");
         }
+        turn.lock();
     }
 
     /**
@@ -266,6 +279,7 @@ public final class BlockStore implements AutoCloseable {
      */
     public Snapshot snapshot() {
         synchronized (index) {
+            requireOpen("snapshot");
             if (!hasRoom(recordBytes(buffer.ranges(), fileMap.map().size()))) {
                 throw new OutOfMemoryError("snapshot: memory limit: " + settings.memoryLimit()
                         + " (expected: room for a copy of the maps)");
@@ -276,8 +290,9 @@ public final class BlockStore implements AutoCloseable {
             try {
                 fileMap.map().copyTo(stored);
             } catch (RuntimeException | Error failure) {
-                memory.forEach(OffHeapRangeMap::close);
-                stored.close();
+                try (stored) {
+                    Thoroughly.forEach(memory, OffHeapRangeMap::close);
+                }
                 throw failure;
             }
             Snapshot snapshot = new Snapshot(this, memory, stored, files);
@@ -332,40 +347,60 @@ public final class BlockStore implements AutoCloseable {
     }
 
     /**
-     * Flushes, writes a checkpoint of the file map, so that the store is reopened fast, and gives
-     * all memory and files back, even if it fails. Waits for a flush or a compaction in progress.
-     * Does nothing the second time.
+     * Refuses requests from now on, flushes, writes a checkpoint of the file map, so that the store
+     * is reopened fast, and gives all memory and files back, even if it fails. Waits for a flush, a
+     * compaction and reads in progress. Does nothing the second time.
      *
      * @throws IOException if the flush failed: what it has not written is lost
+     * @throws IllegalStateException as {@link #flush}; or if called back by the store: nothing was
+     *     done
      */
     @Override
     public void close() throws IOException {
-        flushing.lock();
-        compacting.lock();
+        begin("close", flushing);
         try {
-            if (!closed) {
-                closed = true;
+            closeAfterFlush();
+        } finally {
+            flushing.unlock();
+        }
+    }
+
+    private void closeAfterFlush() throws IOException {
+        begin("close", compacting);
+        try {
+            if (refuseRequests()) {
                 try {
                     flusher.flush();
-                    fileMap.checkpoint();
                 } finally {
                     letGo();
                 }
             }
         } finally {
             compacting.unlock();
-            flushing.unlock();
+        }
+    }
+
+    /** Tells whether it was not so before. */
+    private boolean refuseRequests() {
+        synchronized (index) {
+            boolean first = !closed;
+            closed = true;
+            return first;
         }
     }
 
     private void letGo() throws IOException {
+        fileMap.checkpoint();
         try (disk; fileMap; files) {
             synchronized (index) {
-                List.copyOf(snapshots).forEach(Snapshot::close);
-                flusher.close();
-                buffer.close();
+                Thoroughly.forEach(List.<Runnable>of(
+                        this::closeSnapshots, flusher::close, buffer::close), Runnable::run);
             }
         }
+    }
+
+    private void closeSnapshots() {
+        Thoroughly.forEach(List.copyOf(snapshots), Snapshot::close);
     }
 
     // --- For snapshots --------------------------------------------------------------------------
@@ -378,14 +413,18 @@ public final class BlockStore implements AutoCloseable {
     void forget(Snapshot snapshot) {
         synchronized (index) {
             snapshots.remove(snapshot);
-            snapshot.memory().forEach(OffHeapRangeMap::close);
-            snapshot.fileMap().close();
+            try {
+                Thoroughly.forEach(snapshot.memory(), OffHeapRangeMap::close);
+            } finally {
+                snapshot.fileMap().close();
+            }
         }
     }
 
     /**
      * Has a flush or a compaction call back between its steps, for tests and drills. What the
-     * callback throws ends the flush or the compaction there.
+     * callback throws ends the flush or the compaction there. It may call the store, but for what
+     * calls it and {@link #close}, which then throw {@link IllegalStateException}.
      *
      * @param callback takes the step that was reached, on the thread that reached it
      */
@@ -404,20 +443,20 @@ public final class BlockStore implements AutoCloseable {
 
     /** Changes the write buffer; makes room by flushes, and if need be in the file map. */
     private void insert(String operation, Runnable change) throws IOException {
-        boolean done = tryInsert(change);
+        boolean done = tryInsert(operation, change);
         for (boolean more = true; !done && more;) {
             more = isBuffered();
             flush();
-            done = tryInsert(change);
+            done = tryInsert(operation, change);
         }
         if (!done) {
             // It is the file map that takes the memory: with holes, or with ranges in no order.
             fileMap.dropHoles();
-            done = tryInsert(change);
+            done = tryInsert(operation, change);
         }
         if (!done) {
             defragment();
-            done = tryInsert(change);
+            done = tryInsert(operation, change);
         }
         if (!done) {
             throw new OutOfMemoryError(operation + ": memory limit: " + settings.memoryLimit()
@@ -432,8 +471,9 @@ public final class BlockStore implements AutoCloseable {
     }
 
     /** Changes the write buffer unless the limit leaves no room. */
-    private boolean tryInsert(Runnable change) {
+    private boolean tryInsert(String operation, Runnable change) {
         synchronized (index) {
+            requireOpen(operation);
             if (hasRoom(INSERT_BYTES)) {
                 try {
                     change.run();
@@ -445,6 +485,14 @@ public final class BlockStore implements AutoCloseable {
             }
             refusedInserts++;
             return false;
+        }
+    }
+
+    private void requireOpen(String operation) {
+        synchronized (index) {
+            if (closed) {
+                throw new IllegalStateException(operation + ": the store is closed (expected: open)");
+            }
         }
     }
 
@@ -508,6 +556,10 @@ public final class BlockStore implements AutoCloseable {
         if (length <= 0 || length % sectorSize != 0) {
             throw new IllegalArgumentException("length: " + length
                     + " (expected: a multiple of " + sectorSize + ", > 0)");
+        }
+        if (offset > Long.MAX_VALUE - length) {
+            throw new IllegalArgumentException("offset: " + offset + " (expected: <= "
+                    + (Long.MAX_VALUE - length) + ")");
         }
     }
 }

@@ -90,17 +90,20 @@ final class Compactor {
 
     // --- Step 1 and 3 ----------------------------------------------------------------------------
 
+    /**
+     * Frees what neither map nor journal refers to. No commit may come in between: one that fails
+     * leaves a sealed segment that the journal may know and the map does not.
+     */
     private void free() throws IOException {
-        fileMap.makeSure();
-        synchronized (index) {
-            Set<Long> live = Recovery.liveSegments(fileMap.map());
+        fileMap.whileSettled(map -> {
+            Set<Long> live = Recovery.liveSegments(map);
             for (Segment segment : files.sealed()) {
                 if (!live.contains(segment.id)) {
                     files.retire(segment);
                     freedSegments++;
                 }
             }
-        }
+        });
         files.deleteGarbage();
     }
 

@@ -63,7 +63,9 @@ final class FileMap implements Closeable {
             unapplied = batch;
             apply();
         }
-        checkpointIfLong();
+        if (journal.isLong()) {
+            checkpoint();
+        }
     }
 
     /**
@@ -119,19 +121,21 @@ final class FileMap implements Closeable {
         journal.makeSure();
     }
 
-    /** Writes the map out, so that reopening reads nothing else. */
-    synchronized void checkpoint() throws IOException {
-        makeSure();
-        journal.checkpoint(map, sequence, files.next());
+    /** Writes the map out, if it can be, so that reopening reads nothing else. */
+    synchronized void checkpoint() {
+        try {
+            makeSure();
+            journal.checkpoint(map, sequence, files.next());
+        } catch (IOException | OutOfMemoryError e) {
+            // The old journal goes on and has all of it, and the next commit tries again.
+        }
     }
 
-    private void checkpointIfLong() {
-        if (journal.isLong()) {
-            try {
-                journal.checkpoint(map, sequence, files.next());
-            } catch (IOException e) {
-                // The old journal goes on, and the next commit tries again.
-            }
+    /** Lets nothing be committed while it reads the map, which the journal agrees with. */
+    synchronized void whileSettled(Consumer<OffHeapRangeMap> reader) throws IOException {
+        makeSure();
+        synchronized (index) {
+            reader.accept(map);
         }
     }
 
@@ -141,7 +145,8 @@ final class FileMap implements Closeable {
 
     @Override
     public synchronized void close() throws IOException {
-        map.close();
-        journal.close();
+        try (journal) {
+            map.close();
+        }
     }
 }

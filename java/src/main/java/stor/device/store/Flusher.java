@@ -1,6 +1,7 @@
 package stor.device.store;
 
 import io.netty.buffer.ByteBuf;
+import io.netty.buffer.Unpooled;
 import java.io.IOException;
 import java.nio.ByteBuffer;
 import java.util.ArrayDeque;
@@ -10,6 +11,7 @@ import java.util.List;
 import java.util.function.Consumer;
 import stor.device.skiplist.FileLocation;
 import stor.device.skiplist.OffHeapRangeMap;
+import stor.device.skiplist.Visited;
 import stor.device.store.BlockStore.Step;
 
 /**
@@ -23,8 +25,9 @@ import stor.device.store.BlockStore.Step;
  * <li>The frozen map is dropped.
  * </ol>
  *
- * <p>A failure leaves the frozen map, and the next flush goes on with the batch that failed. One
- * thread at a time.
+ * <p>A failure leaves the frozen map, and the next flush goes on with the batch that failed. A buffer
+ * that somebody else has released holds up nothing: its sectors become damaged ones, all else is
+ * written, and then the flush fails. One thread at a time.
  */
 final class Flusher {
     private static final int BATCH_BYTES = 4 << 20;
@@ -43,6 +46,10 @@ final class Flusher {
     private boolean noted;
     private List<Change> holes = List.of();
     private final Deque<Piece> pieces = new ArrayDeque<>();
+    private long left;
+    private long newest;
+    // The first buffer that was not what it should be, until that has been told.
+    private IllegalStateException misused;
 
     /** A buffered range on its way to a file. */
     private static final class Piece {
@@ -88,7 +95,13 @@ final class Flusher {
         synchronized (index) {
             more = buffer.freeze();
         }
-        return more ? written + writeOut() : written;
+        written += more ? writeOut() : 0;
+        if (misused != null) {
+            IllegalStateException failure = misused;
+            misused = null;
+            throw failure;
+        }
+        return written;
     }
 
     /** Notes what the frozen map has; all of it, or nothing if there is no room to note it. */
@@ -105,15 +118,28 @@ final class Flusher {
     }
 
     private void note(OffHeapRangeMap frozen, List<Change> found) {
+        newest = 0;
+        left = 0;
         frozen.forEach((offset, len, number, fileOffset, majorVer, minorVer, range) -> {
-            ByteBuf bytes = range.retainedBuffer();
-            if (bytes != null) {
-                pieces.add(new Piece(offset, len,
-                        new FileLocation(number, fileOffset, majorVer, minorVer), bytes));
-            } else {
+            if (Holes.isHole(majorVer, minorVer)) {
                 found.add(Change.discarded(offset, len));
+            } else {
+                pieces.add(new Piece(offset, len,
+                        new FileLocation(number, fileOffset, majorVer, minorVer), retain(range)));
+                left += len;
+                newest = Math.max(newest,
+                        (long) majorVer << Integer.SIZE | Integer.toUnsignedLong(minorVer));
             }
         });
+    }
+
+    /** Gives the buffer of a range; without any bytes, if somebody else has released it. */
+    private static ByteBuf retain(Visited range) {
+        try {
+            return range.retainedBuffer();
+        } catch (RuntimeException released) {
+            return Unpooled.EMPTY_BUFFER;
+        }
     }
 
     private long writeOut() throws IOException {
@@ -130,9 +156,13 @@ final class Flusher {
             written += writeBatch();
         }
         synchronized (index) {
-            buffer.drop();
             noted = false;
             flushes++;
+            try {
+                buffer.drop();
+            } catch (RuntimeException failure) {
+                noteMisused("a buffer", failure);
+            }
         }
         return written;
     }
@@ -150,7 +180,7 @@ final class Flusher {
             throw failure;
         }
         try {
-            fileMap.commit(changes, newest());
+            fileMap.commit(changes, newest);
         } catch (IOException | RuntimeException | Error failure) {
             // The journal may have it all the same.
             writer.finish();
@@ -167,7 +197,7 @@ final class Flusher {
         int room = Math.min(writer.room(), BATCH_BYTES / sectorSize * sectorSize);
         FileLocation first = writer.next();
         ByteBuffer batch = ByteBuffer.allocate(frames.framedLength(
-                (int) Math.min(room, pieces.stream().mapToLong(piece -> piece.length).sum())));
+                (int) Math.min(room, left)));
         int length = 0;
         for (Piece piece : pieces) {
             int next = Math.min(piece.length - piece.done, room - length);
@@ -176,7 +206,7 @@ final class Flusher {
             }
             long offset = piece.offset + piece.done;
             FileLocation place = first.plus(length, sectorSize);
-            frames.frame(piece.bytes, piece.done, next, piece.id.minorVer(), offset, place, batch);
+            frame(piece, next, place, batch);
             changes.add(Change.written(offset, next, place));
             length += next;
         }
@@ -184,32 +214,58 @@ final class Flusher {
         return length;
     }
 
-    /** Gives the highest sequence of the writes that are left. */
-    private long newest() {
-        return pieces.stream().map(piece -> piece.id).mapToLong(id ->
-                (long) id.majorVer() << Integer.SIZE | Integer.toUnsignedLong(id.minorVer()))
-                .max().orElse(0);
+    private void frame(Piece piece, int length, FileLocation place, ByteBuffer batch) {
+        long offset = piece.offset + piece.done;
+        int start = batch.position();
+        try {
+            frames.frame(
+                    piece.bytes, piece.done, length, piece.id.minorVer(), offset, place, batch);
+        } catch (RuntimeException released) {
+            frames.spoil(length, offset, place, batch.position(start));
+            noteMisused("the sectors from " + offset + " to " + (offset + length)
+                    + " are lost: their buffer", released);
+        }
+    }
+
+    private void noteMisused(String what, RuntimeException failure) {
+        if (misused == null) {
+            misused = new IllegalStateException("flush: " + what + ": " + failure
+                    + " (expected: one that nobody else releases)", failure);
+        }
     }
 
     /** Gives back the buffers of the next bytes, which the file map knows now. */
     private void giveBack(int length) {
-        for (int left = length; left > 0;) {
+        left -= length;
+        for (int more = length; more > 0;) {
             Piece piece = pieces.getFirst();
-            int next = Math.min(piece.length - piece.done, left);
+            int next = Math.min(piece.length - piece.done, more);
             piece.done += next;
-            left -= next;
+            more -= next;
             if (piece.done == piece.length) {
+                giveBack(pieces.removeFirst());
+            }
+        }
+    }
+
+    private void giveBack(Piece piece) {
+        try {
+            try {
                 synchronized (index) {
                     buffer.frozen().compareAndRelease(piece.offset, piece.length, piece.id);
                 }
-                pieces.removeFirst().bytes.release();
+            } finally {
+                piece.bytes.release();
             }
+        } catch (RuntimeException failure) {
+            noteMisused("the buffer at " + piece.offset, failure);
         }
     }
 
     /** Gives back what is left of a flush that failed. */
     void close() {
-        pieces.forEach(piece -> piece.bytes.release());
+        List<Piece> taken = List.copyOf(pieces);
         pieces.clear();
+        Thoroughly.forEach(taken, piece -> piece.bytes.release());
     }
 }

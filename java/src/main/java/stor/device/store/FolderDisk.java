@@ -3,6 +3,7 @@ package stor.device.store;
 import java.io.EOFException;
 import java.io.IOException;
 import java.io.RandomAccessFile;
+import java.io.UncheckedIOException;
 import java.nio.ByteBuffer;
 import java.nio.channels.ClosedByInterruptException;
 import java.nio.channels.FileChannel;
@@ -26,15 +27,26 @@ final class FolderDisk implements Disk {
 
     /** Makes the folder if it is not there. */
     FolderDisk(Path folder) throws IOException {
-        this.folder = folder;
-        Files.createDirectories(folder);
+        this.folder = folder.toAbsolutePath();
+        createFolder(this.folder);
         lock = FolderLock.take(folder);
+    }
+
+    /** Makes a folder and those that it is to be in, whose names last when this returns. */
+    private static void createFolder(Path folder) throws IOException {
+        if (!Files.isDirectory(folder)) {
+            createFolder(folder.getParent());
+            Files.createDirectories(folder);
+            forceNames(folder.getParent());
+        }
     }
 
     @Override
     public List<String> names() throws IOException {
         try (Stream<Path> files = Files.list(folder)) {
             return files.map(file -> file.getFileName().toString()).toList();
+        } catch (UncheckedIOException e) {
+            throw e.getCause();
         }
     }
 
@@ -45,9 +57,15 @@ final class FolderDisk implements Disk {
 
     @Override
     public DiskFile create(String name) throws IOException {
-        RandomAccessFile file = new RandomAccessFile(folder.resolve(name).toFile(), "rw");
-        file.setLength(0);
-        return new OpenFile(name, file);
+        OpenFile file = openOrCreate(name);
+        try {
+            file.truncate(0);
+            return file;
+        } catch (IOException failure) {
+            try (file) {
+                throw failure;
+            }
+        }
     }
 
     @Override
@@ -55,6 +73,10 @@ final class FolderDisk implements Disk {
         if (!Files.exists(folder.resolve(name))) {
             throw new IOException(folder.resolve(name) + ": missing");
         }
+        return openOrCreate(name);
+    }
+
+    private OpenFile openOrCreate(String name) throws IOException {
         return new OpenFile(name, new RandomAccessFile(folder.resolve(name).toFile(), "rw"));
     }
 
@@ -68,9 +90,13 @@ final class FolderDisk implements Disk {
         Files.deleteIfExists(folder.resolve(name));
     }
 
-    /** A folder can be forced through a channel only. This one is nobody else's: it is tried again. */
     @Override
     public void forceNames() throws IOException {
+        forceNames(folder);
+    }
+
+    /** A folder can be forced through a channel only. This one is nobody else's: it is tried again. */
+    private static void forceNames(Path folder) throws IOException {
         boolean interrupted = Thread.interrupted();
         while (true) {
             try (FileChannel channel = FileChannel.open(folder, StandardOpenOption.READ)) {

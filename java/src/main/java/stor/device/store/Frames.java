@@ -56,6 +56,17 @@ final class Frames {
         }
     }
 
+    /** Puts frames that prove false, for sectors whose bytes are lost. */
+    void spoil(int length, long offset, FileLocation place, ByteBuffer frames) {
+        for (int at = 0; at < length; at += sectorSize) {
+            int start = frames.position();
+            frames.putInt(start + sectorSize,
+                    ~checksum(frames, start, sequence(frames, start),
+                    offset + at, place.plus(at, sectorSize)));
+            frames.position(start + frameLength());
+        }
+    }
+
     /** Puts a frame that another buffer has into this one, for its new place. */
     void move(ByteBuffer old, int at, long offset, FileLocation place, ByteBuffer frames) {
         int start = frames.position();

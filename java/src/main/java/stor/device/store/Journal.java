@@ -5,6 +5,8 @@ import java.io.IOException;
 import java.nio.ByteBuffer;
 import java.nio.channels.WritableByteChannel;
 import java.util.List;
+import java.util.Objects;
+import java.util.stream.Stream;
 import java.util.zip.CRC32C;
 import stor.device.skiplist.OffHeapRangeMap;
 import stor.device.store.Disk.DiskFile;
@@ -40,6 +42,9 @@ final class Journal implements Closeable {
     private long checkpointEnd;
     private long end;
     private long number;
+    /** A whole checkpoint that may have become the journal, or not. */
+    private DiskFile successor;
+    private long successorLength;
     private boolean endDoubtful;
     private boolean nameDoubtful;
 
@@ -94,6 +99,9 @@ final class Journal implements Closeable {
 
     /** Settles what a failure has left open: what was not known to last has not happened. */
     void makeSure() throws IOException {
+        if (successor != null) {
+            settleSuccessor();
+        }
         if (endDoubtful) {
             file.truncate(end);
             file.force();
@@ -116,30 +124,46 @@ final class Journal implements Closeable {
 
     /** Begins anew with a map that all changes so far have been applied to. */
     void checkpoint(OffHeapRangeMap map, long sequence, long nextSegment) throws IOException {
+        makeSure();
         DiskFile next = disk.create(NEXT_NAME);
-        long length;
         try {
             next.write(header(sequence, nextSegment), 0);
             Appender appender = new Appender(next, HEADER_BYTES);
             map.save(appender);
-            length = appender.position;
             next.force();
-            disk.rename(NEXT_NAME, NAME);
+            successorLength = appender.position;
         } catch (IOException | RuntimeException | Error failure) {
-            discard(next, failure);
+            discard(next);
             throw failure;
         }
-        nameDoubtful = true;
+        successor = next;
+        disk.rename(NEXT_NAME, NAME);
+        makeSure();
+    }
+
+    /** Finds out by its old name whether it has been renamed, whatever the renaming said. */
+    private void settleSuccessor() throws IOException {
+        boolean renamed = !disk.names().contains(NEXT_NAME);
+        DiskFile next = successor;
+        successor = null;
+        if (renamed) {
+            succeed(next);
+        } else {
+            discard(next);
+        }
+    }
+
+    private void succeed(DiskFile next) {
         DiskFile last = file;
         file = next;
-        checkpointEnd = length;
-        end = length;
+        checkpointEnd = successorLength;
+        end = successorLength;
         number = 0;
         endDoubtful = false;
+        nameDoubtful = true;
         if (last != null) {
-            last.close();
+            closeQuietly(last);
         }
-        makeSure();
     }
 
     private static ByteBuffer header(long sequence, long nextSegment) {
@@ -150,20 +174,28 @@ final class Journal implements Closeable {
         return header.putInt((int) checksum.getValue()).flip();
     }
 
-    private void discard(DiskFile next, Throwable failure) {
+    private void discard(DiskFile next) {
+        closeQuietly(next);
         try {
-            next.close();
             disk.delete(NEXT_NAME);
         } catch (IOException e) {
-            failure.addSuppressed(e);
+            // It is nothing but room: the next checkpoint takes its place.
+        }
+    }
+
+    /** Closes a file of which nothing is wanted any more. */
+    private static void closeQuietly(DiskFile file) {
+        try {
+            file.close();
+        } catch (IOException e) {
+            // Its handle is gone all the same.
         }
     }
 
     @Override
     public void close() throws IOException {
-        if (file != null) {
-            file.close();
-        }
+        Thoroughly.forEach(Stream.of(file, successor).filter(Objects::nonNull).toList(),
+                DiskFile::close);
     }
 
     /** Lets a map be written into the middle of a file. */

@@ -1,13 +1,16 @@
 package stor.device.store;
 
+import java.io.Closeable;
 import java.io.EOFException;
 import java.io.IOException;
 import java.nio.ByteBuffer;
 import java.nio.channels.ReadableByteChannel;
 import java.util.HashSet;
 import java.util.List;
+import java.util.Objects;
 import java.util.OptionalLong;
 import java.util.Set;
+import java.util.stream.Stream;
 import java.util.zip.CRC32C;
 import stor.device.skiplist.OffHeapRangeMap;
 import stor.device.store.Disk.DiskFile;
@@ -25,7 +28,7 @@ import stor.device.store.Disk.DiskFile;
  *
  * <p>No segment is read. A frame that is not what the map says is found when it is read.
  */
-final class Recovery {
+final class Recovery implements Closeable {
     private final Disk disk;
     private final StoreSettings settings;
     private DiskFile file;
@@ -41,35 +44,25 @@ final class Recovery {
         this.settings = settings;
     }
 
-    /** Does it; if it fails, nothing stays open, and what was there is there. */
+    /** Does it; if it fails, what was there is there. */
     void run() throws IOException {
-        try {
-            List<String> names = disk.names();
-            if (names.contains(Journal.NAME)) {
-                readJournal();
-            } else {
-                begin(names);
-            }
-            takeOverSegments();
-        } catch (IOException | RuntimeException | Error failure) {
-            letGo(failure);
-            throw failure;
+        List<String> names = disk.names();
+        if (names.contains(Journal.NAME)) {
+            readJournal();
+        } else {
+            begin(names);
         }
+        takeOverSegments();
     }
 
-    private void letGo(Throwable failure) {
+    /** Gives back what no store has taken over. */
+    @Override
+    public void close() throws IOException {
         if (map != null) {
             map.close();
         }
-        try {
-            if (journal != null) {
-                journal.close();
-            } else if (file != null) {
-                file.close();
-            }
-        } catch (IOException e) {
-            failure.addSuppressed(e);
-        }
+        Thoroughly.forEach(Stream.<Closeable>of(journal, file).filter(Objects::nonNull).toList(),
+                Closeable::close);
     }
 
     OffHeapRangeMap map() {

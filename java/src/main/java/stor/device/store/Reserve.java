@@ -2,11 +2,13 @@ package stor.device.store;
 
 import java.io.IOException;
 import java.nio.ByteBuffer;
+import java.util.SplittableRandom;
 import stor.device.store.Disk.DiskFile;
 
 /**
- * Room on the disk that is kept for the work that gives room back: a file of zeros, enough for what
- * a compaction moves before it can free a segment and for the journal of it. When the disk is full
+ * Room on the disk that is kept for the work that gives room back: a file, enough for what a
+ * compaction moves before it can free a segment and for the journal of it, of random bytes, which no
+ * file system stores in less room. When the disk is full
  * it is deleted, and made again when there is room. Safe for use by several threads.
  */
 final class Reserve {
@@ -53,9 +55,13 @@ final class Reserve {
     }
 
     private boolean make() throws IOException {
+        SplittableRandom random = new SplittableRandom();
+        byte[] chunk = new byte[CHUNK_BYTES];
         try (DiskFile file = disk.create(NAME)) {
             for (long at = 0; at < bytes; at += CHUNK_BYTES) {
-                file.write(ByteBuffer.allocate((int) Math.min(CHUNK_BYTES, bytes - at)), at);
+                random.nextBytes(chunk);
+                file.write(ByteBuffer.wrap(
+                        chunk, 0, (int) Math.min(CHUNK_BYTES, bytes - at)), at);
             }
             file.force();
         }

@@ -33,19 +33,20 @@ final class Segment {
         file.write(frames, position);
     }
 
-    synchronized void force() throws IOException {
-        file.force();
+    /** Readers go on meanwhile. */
+    void force() throws IOException {
+        opened().force();
     }
 
     synchronized void truncate(int length) throws IOException {
-        open().truncate(length);
+        opened().truncate(length);
     }
 
     synchronized void read(ByteBuffer frames, int position) throws IOException {
-        open().read(frames, position);
+        opened().read(frames, position);
     }
 
-    private DiskFile open() throws IOException {
+    private synchronized DiskFile opened() throws IOException {
         if (file == null) {
             file = disk.open(name());
         }

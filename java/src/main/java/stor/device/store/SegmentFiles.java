@@ -41,6 +41,7 @@ final class SegmentFiles implements Closeable {
     private long peakBytes;
     private long appendedBytes;
     private int peakCount;
+    private boolean closed;
 
     /** Makes an empty set; the first segment created has the given count. */
     SegmentFiles(Disk disk, long next) {
@@ -124,6 +125,9 @@ final class SegmentFiles implements Closeable {
 
     /** Finds the segment of a location that a map holds, and keeps it until it is unpinned. */
     synchronized Segment pin(long id) {
+        if (closed) {
+            throw new IllegalStateException(name(id) + ": the store is closed (expected: open)");
+        }
         Segment segment = byId.get(id);
         if (segment == null) {
             throw new IllegalStateException(name(id) + ": is no segment");
@@ -153,25 +157,37 @@ final class SegmentFiles implements Closeable {
     /** Tells whether that was the last that kept the file. */
     private synchronized boolean release(Segment segment) {
         segment.pins--;
+        notifyAll();
         return dropIfDone(segment);
     }
 
-    /** Reads frames of a pinned segment; closes another's file if too many are open. */
+    /** Reads frames of a pinned segment. */
     void read(Segment segment, ByteBuffer frames, int position) throws IOException {
-        segment.read(frames, position);
-        Segment longest = noteUsed(segment);
-        if (longest != null) {
-            longest.rest();
+        try {
+            segment.read(frames, position);
+        } finally {
+            noteUsed(segment);
         }
     }
 
-    /** Gives the segment that was not used for longest, if too many are open. */
-    private synchronized Segment noteUsed(Segment segment) {
-        if (!segment.sealed) {
+    /** Closes the file of the sealed segment that was not used for longest, if too many are open. */
+    private void noteUsed(Segment segment) {
+        try {
+            Segment longest = takeLongestUnused(segment);
+            if (longest != null) {
+                longest.rest();
+            }
+        } catch (IOException e) {
+            // Nothing is lost: what was committed was forced, and a read opens the file anew.
+        }
+    }
+
+    private synchronized Segment takeLongestUnused(Segment used) {
+        if (!used.sealed) {
             return null;
         }
-        opened.remove(segment);
-        opened.add(segment);
+        opened.remove(used);
+        opened.add(used);
         if (opened.size() <= MOST_OPEN) {
             return null;
         }
@@ -182,20 +198,12 @@ final class SegmentFiles implements Closeable {
 
     // --- Going -----------------------------------------------------------------------------------
 
-    /** Says that nothing will be added; closes another's file if too many are open. */
+    /** Says that nothing will be added. */
     void seal(Segment segment) {
-        Segment longest;
         synchronized (this) {
             segment.sealed = true;
-            longest = noteUsed(segment);
         }
-        try {
-            if (longest != null) {
-                longest.rest();
-            }
-        } catch (IOException e) {
-            // Nothing is lost: what was committed was forced, and a read opens the file anew.
-        }
+        noteUsed(segment);
     }
 
     /** Lists the segments that compaction may empty or retire. */
@@ -227,35 +235,41 @@ final class SegmentFiles implements Closeable {
 
     /** Deletes the files of segments that went; those that cannot be deleted are tried again. */
     void deleteGarbage() throws IOException {
-        IOException failure = null;
-        for (Segment segment : takeGarbage()) {
+        Thoroughly.forEach(takeGarbage(), segment -> {
             try {
                 segment.delete();
             } catch (IOException e) {
                 addGarbage(segment);
-                failure = e;
+                throw e;
             }
-        }
-        if (failure != null) {
-            throw failure;
-        }
+        });
     }
 
     private synchronized List<Segment> takeGarbage() {
-        List<Segment> taken = List.copyOf(garbage);
+        List<Segment> taken = closed ? List.of() : List.copyOf(garbage);
         garbage.clear();
         return taken;
     }
 
-    /** Closes all files. */
+    /** Waits for the reads under way, lets no more begin, and closes all files. */
     @Override
     public void close() throws IOException {
-        for (Segment segment : all()) {
-            segment.rest();
-        }
+        Thoroughly.forEach(endPins(), Segment::rest);
     }
 
-    private synchronized List<Segment> all() {
+    private synchronized List<Segment> endPins() {
+        closed = true;
+        boolean interrupted = false;
+        while (byId.values().stream().anyMatch(segment -> segment.pins > 0)) {
+            try {
+                wait();
+            } catch (InterruptedException e) {
+                interrupted = true;
+            }
+        }
+        if (interrupted) {
+            Thread.currentThread().interrupt();
+        }
         return List.copyOf(byId.values());
     }
 

@@ -48,8 +48,11 @@ public final class Snapshot implements AutoCloseable {
     public void close() {
         if (closed.compareAndSet(false, true)) {
             // First the maps, which waits for a read that is looking for segments to pin.
-            store.forget(this);
-            pinned.forEach(files::unpin);
+            try {
+                store.forget(this);
+            } finally {
+                pinned.forEach(files::unpin);
+            }
         }
     }
 

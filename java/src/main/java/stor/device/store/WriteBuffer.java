@@ -35,8 +35,14 @@ final class WriteBuffer {
     void write(long offset, int length, ByteBuf data, long sequence) {
         FileLocation id =
                 new FileLocation(0, 0, (int) (sequence >>> Integer.SIZE), (int) sequence);
-        active.insert(offset, length, id, data);
         activeBytes += length;
+        try {
+            active.insert(offset, length, id, data);
+        } catch (OutOfMemoryError | IllegalArgumentException refused) {
+            // Anything else comes from a buffer that was overwritten, after the insert.
+            activeBytes -= length;
+            throw refused;
+        }
     }
 
     /**
@@ -82,9 +88,10 @@ final class WriteBuffer {
 
     /** Drops the frozen map, all of which is in the file map. */
     void drop() {
-        frozen.close();
+        OffHeapRangeMap written = frozen;
         frozen = null;
         frozenBytes = 0;
+        written.close();
     }
 
     /** Gives the maps, the newest first. */
@@ -102,7 +109,7 @@ final class WriteBuffer {
             }
             return copies;
         } catch (RuntimeException | Error failure) {
-            copies.forEach(OffHeapRangeMap::close);
+            Thoroughly.forEach(copies, OffHeapRangeMap::close);
             throw failure;
         }
     }
@@ -117,7 +124,7 @@ final class WriteBuffer {
     }
 
     void close() {
-        maps().forEach(OffHeapRangeMap::close);
+        Thoroughly.forEach(maps(), OffHeapRangeMap::close);
     }
 
     private OffHeapRangeMap newMap() {

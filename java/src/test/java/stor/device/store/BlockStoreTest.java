@@ -1,15 +1,24 @@
 package stor.device.store;
 
+import static java.nio.charset.StandardCharsets.UTF_8;
 import static org.junit.jupiter.api.Assertions.assertDoesNotThrow;
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import io.netty.buffer.ByteBuf;
 import io.netty.buffer.Unpooled;
+import io.netty.util.IllegalReferenceCountException;
 import java.io.File;
 import java.io.IOException;
+import java.lang.reflect.Constructor;
+import java.lang.reflect.InvocationTargetException;
+import java.net.URL;
+import java.net.URLClassLoader;
+import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.Locale;
@@ -56,6 +65,8 @@ class BlockStoreTest {
             store.onStep(now -> {
                 if (now == step && !met[0]) {
                     met[0] = true;
+                    assertThrows(IllegalStateException.class, store::close);
+                    assertThrows(IllegalStateException.class, store::defragment);
                     assertDoesNotThrow(() -> {
                         write(2, 3);
                         discard(4, 30);
@@ -309,14 +320,93 @@ class BlockStoreTest {
             assertTrue(Thread.interrupted());
             open(new FolderDisk(folder), 1 << 20);
             model.check(store::read);
-            IOException inUse = assertThrows(IOException.class, () -> new FolderDisk(folder));
-            assertTrue(inUse.getMessage().contains(
-                    "process " + ProcessHandle.current().pid()), inUse.getMessage());
             store.close();
         }
         open(disk, 1 << 20);
         write(0, SECTORS);
         discard(0, SECTORS);
+    }
+
+    /** Also for other class loaders and processes, and when the lock file has been read. */
+    @Test
+    void aFolderIsForOneStore(@TempDir Path folder) throws Exception {
+        open(new FolderDisk(folder), 1 << 20);
+        String holder = "in use by process " + ProcessHandle.current().pid();
+        List<URL> classes = new ArrayList<>();
+        for (String path : System.getProperty("java.class.path").split(":")) {
+            classes.add(Path.of(path).toUri().toURL());
+        }
+        try (URLClassLoader stranger = new URLClassLoader(
+                classes.toArray(URL[]::new), ClassLoader.getPlatformClassLoader())) {
+            for (ClassLoader loader : List.of(getClass().getClassLoader(), stranger)) {
+                Constructor<?> take = Class.forName(FolderDisk.class.getName(), true, loader)
+                        .getDeclaredConstructor(Path.class);
+                take.setAccessible(true);
+                Throwable refused = assertThrows(InvocationTargetException.class,
+                        () -> take.newInstance(folder)).getCause();
+                assertTrue(refused.getMessage().contains(holder), refused.toString());
+            }
+        }
+        for (String look : List.of("reserve", FolderLock.NAME)) {
+            Files.readAllBytes(folder.resolve(look));
+            Process other = KilledStore.start(folder, 1, ProcessBuilder.Redirect.PIPE);
+            String said = new String(other.getErrorStream().readAllBytes(), UTF_8);
+            assertTrue(said.contains(holder), said);
+        }
+        store.close();
+        assertNoneOpen(folder);
+        open(disk, 1 << 20);
+    }
+
+    static void assertNoneOpen(Path folder) throws IOException {
+        for (File handle : new File("/proc/self/fd").listFiles()) {
+            if (Files.isSymbolicLink(handle.toPath())) {
+                Path file = Files.readSymbolicLink(handle.toPath());
+                assertFalse(file.startsWith(folder), file.toString());
+            }
+        }
+    }
+
+    @Test
+    void aBufferReleasedBySomebodyElseHoldsUpNothing() throws IOException {
+        open(disk, 1 << 20);
+        write(4, SECTORS - 4);
+        for (Step moment : new Step[] {null, Step.FLUSH_BEGUN, Step.APPENDED}) {
+            ByteBuf lent = lend();
+            write(40, 1);
+            discard(50, 3);
+            store.onStep(step -> {
+                if (step == moment) {
+                    lent.release(lent.refCnt());
+                }
+            });
+            if (moment == null) {
+                lent.release(lent.refCnt());
+            }
+            String told = assertThrows(IllegalStateException.class, store::flush).getMessage();
+            boolean lost = told.contains("from 0 to " + 2 * SECTOR);
+            assertEquals(moment != Step.APPENDED, lost, told);
+            if (lost) {
+                assertThrows(IOException.class, () -> store.read(SECTOR, SECTOR));
+                write(0, 2);
+            }
+            store.onStep(step -> { });
+            store.flush();
+            model.check(store::read);
+        }
+        ByteBuf lent = lend();
+        lent.release(lent.refCnt());
+        assertThrows(IllegalReferenceCountException.class, () -> write(0, 2));
+        model.note(new Request(0, 2, id));
+        assertEquals(4L * SECTOR, store.stats().bufferedBytes());
+    }
+
+    /** Has the store hold a buffer that is not released. */
+    private ByteBuf lend() throws IOException {
+        ByteBuf lent = Unpooled.buffer(2 * SECTOR).writeZero(2 * SECTOR);
+        store.write(0, lent);
+        model.note(new Request(0, 2, 0));
+        return lent;
     }
 
     /** What is damaged is refused, or is the last batch, which a power cut may have torn. */

@@ -21,7 +21,7 @@ final class FaultyDisk implements Disk {
         this.disk = disk;
     }
 
-    /** Fails some of the steps to come, the next one being 1. */
+    /** Fails some of the steps to come, the next one being 1; some of them happen all the same. */
     synchronized void fail(long from, long to) {
         steps = 0;
         first = from;
@@ -71,9 +71,7 @@ final class FaultyDisk implements Disk {
             work.run();
             return;
         }
-        if (steps < death) {
-            part.run();
-        } else if (steps == death) {
+        if (steps <= death) {
             (random.nextBoolean() ? work : part).run();
         }
         refused = true;

@@ -94,11 +94,7 @@ public final class KilledStore {
 
     /** Starts a process, kills it, and gives what it has said until then. */
     private static byte[] killOne(Path folder, int seed) throws Exception {
-        Process process = new ProcessBuilder(
-                Path.of(System.getProperty("java.home"), "bin", "java").toString(), "-cp",
-                System.getProperty("java.class.path"), KilledStore.class.getName(),
-                folder.toString(), Integer.toString(seed))
-                .redirectError(ProcessBuilder.Redirect.INHERIT).start();
+        Process process = start(folder, seed, ProcessBuilder.Redirect.INHERIT);
         InputStream out = process.getInputStream();
         byte[] first = out.readNBytes(WARM_UP);
         require(first.length == WARM_UP, "the process has ended by itself");
@@ -121,6 +117,14 @@ public final class KilledStore {
         byte[] said = Arrays.copyOf(first, WARM_UP + rest.get().length);
         System.arraycopy(rest.get(), 0, said, WARM_UP, rest.get().length);
         return said;
+    }
+
+    static Process start(Path folder, long seed, ProcessBuilder.Redirect errors)
+            throws IOException {
+        return new ProcessBuilder(
+                Path.of(System.getProperty("java.home"), "bin", "java").toString(), "-cp",
+                System.getProperty("java.class.path"), KilledStore.class.getName(),
+                folder.toString(), Long.toString(seed)).redirectError(errors).start();
     }
 
     /** Makes requests until the end of the process, with all else going on beside them. */

@@ -140,6 +140,6 @@ class StoreFaultsTest {
 
     @Test
     void aStormOfEverythingLosesNothing(@TempDir Path folder) throws Exception {
-        assertTrue(StoreStorm.run(folder, 4000).requests() > 0);
+        assertTrue(StoreStorm.run(folder, 4000, 9).requests() > 0);
     }
 }

@@ -36,7 +36,7 @@ public final class StoreStorm {
     private final AtomicLong refusals = new AtomicLong();
     private final List<DeviceModel> models = new ArrayList<>();
     private final List<Thread> threads = new ArrayList<>();
-    /** Held for writing while the store is opened or closed. */
+    /** Held for writing while the store is opened or looked at. */
     private final ReentrantReadWriteLock opening = new ReentrantReadWriteLock();
     private FaultyDisk disk;
     private BlockStore store;
@@ -52,12 +52,13 @@ public final class StoreStorm {
     /**
      * Storms for some minutes, with a line for each.
      *
-     * @param args the number of minutes
+     * @param args the number of minutes, and what the random numbers begin with, 9 if not said
      */
     public static void main(String[] args) throws Exception {
         Path folder = Files.createTempDirectory("storm-");
         long handles = count(HANDLES);
-        StoreStorm storm = run(folder, 60_000L * Long.parseLong(args[0]));
+        long seed = args.length > 1 ? Long.parseLong(args[1]) : 9;
+        StoreStorm storm = run(folder, 60_000L * Long.parseLong(args[0]), seed);
         if (count(HANDLES) > handles + SLACK_HANDLES || count(folder) > storm.segments + SLACK_FILES) {
             throw new AssertionError("left behind: " + count(HANDLES) + " handles, "
                     + count(folder) + " files (expected: at most " + (handles + SLACK_HANDLES)
@@ -73,20 +74,20 @@ public final class StoreStorm {
     }
 
     /** Storms, and throws what went wrong. */
-    static StoreStorm run(Path folder, long millis) throws Exception {
+    static StoreStorm run(Path folder, long millis, long seed) throws Exception {
         StoreStorm storm = new StoreStorm(folder);
         storm.open();
         for (int i = 0; i < WRITERS; i++) {
             DeviceModel model = new DeviceModel(i * SECTORS_A_WRITER, SECTORS_A_WRITER);
             storm.models.add(model);
-            Random random = new Random(i);
+            Random random = new Random(seed << Integer.SIZE | i);
             storm.start(() -> storm.request(model, random));
         }
         storm.start(() -> storm.store.flush());
         storm.start(() -> storm.store.compact());
         storm.start(storm::readSnapshot);
         try {
-            storm.disturb(millis);
+            storm.disturb(millis, new Random(seed));
         } finally {
             storm.done = true;
             for (Thread thread : storm.threads) {
@@ -130,6 +131,10 @@ public final class StoreStorm {
                     }
                 } catch (OutOfMemoryError e) {
                     refusals.incrementAndGet();
+                } catch (IllegalStateException e) {
+                    if (!e.getMessage().contains("closed")) {
+                        fail(e);
+                    }
                 } catch (RuntimeException | AssertionError e) {
                     fail(e);
                 } finally {
@@ -176,8 +181,7 @@ public final class StoreStorm {
 
     // --- What disturbs it ------------------------------------------------------------------------
 
-    private void disturb(long millis) throws Exception {
-        Random random = new Random(9);
+    private void disturb(long millis, Random random) throws Exception {
         long start = System.nanoTime();
         long minute = 1;
         while (!done && (System.nanoTime() - start) / 1_000_000 < millis) {
@@ -201,11 +205,13 @@ public final class StoreStorm {
         }
     }
 
+    /** Closes while all else goes on. */
     private void reopen() throws IOException {
+        disk.setCapacity(Long.MAX_VALUE);
+        close();
         opening.writeLock().lock();
         try {
-            disk.setCapacity(Long.MAX_VALUE);
-            close();
+            BlockStoreTest.assertNoneOpen(folder);
             open();
             reopenings++;
             for (DeviceModel model : models) {
