@@ -42,17 +42,21 @@ final class MapFileReader {
         OffHeapRangeMap map = readHeader();
         try {
             while (readBlock()) {
-                while (bytes.hasRemaining()) {
-                    readRange();
-                    map.append(end - len, len, new FileLocation(
-                            Byte.toUnsignedInt((byte) number), placeOfLast(), majorVer, minorVer));
-                    count++;
-                }
+                map.load(() -> appendBlock(map));
             }
             return map;
         } catch (IOException | RuntimeException | Error failure) {
             map.close();
             throw failure;
+        }
+    }
+
+    private void appendBlock(OffHeapRangeMap map) throws IOException {
+        while (bytes.hasRemaining()) {
+            readRange();
+            map.append(end - len, len, new FileLocation(
+                    Byte.toUnsignedInt((byte) number), placeOfLast(), majorVer, minorVer));
+            count++;
         }
     }
 

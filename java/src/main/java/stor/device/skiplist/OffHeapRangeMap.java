@@ -1104,18 +1104,28 @@ public final class OffHeapRangeMap implements AutoCloseable {
         }
     }
 
+    /** Something that appends to a map. */
+    interface Appends {
+        void run() throws IOException;
+    }
+
+    /** Enters the map once for any number of calls of {@link #append}. */
+    void load(Appends body) throws IOException {
+        guard.enter("load", Access.CHANGE);
+        try {
+            body.run();
+        } finally {
+            guard.leave(Access.CHANGE);
+        }
+    }
+
     /**
      * Stores a range behind all others of a map that no other thread knows yet. Such a range covers
      * no end of another, so that no look at what it continues is needed.
      */
     void append(long offset, int len, FileLocation at) {
-        guard.enter("load", Access.CHANGE);
-        try {
-            fusions.noteInserts(offset, len, at);
-            insertNative(offset, len, at);
-        } finally {
-            guard.leave(Access.CHANGE);
-        }
+        fusions.noteInserts(offset, len, at);
+        insertNative(offset, len, at);
     }
 
     // --- Inside the guard ------------------------------------------------------------------------

@@ -11,6 +11,7 @@ import java.util.Map;
 import java.util.OptionalLong;
 import java.util.Set;
 import java.util.TreeMap;
+import java.util.stream.Stream;
 import stor.device.skiplist.FileLocation;
 
 /**
@@ -41,6 +42,7 @@ final class SegmentFiles implements Closeable {
     private long peakBytes;
     private long appendedBytes;
     private int peakCount;
+    private int deletions;
     private boolean closed;
 
     /** Makes an empty set; the first segment created has the given count. */
@@ -235,32 +237,48 @@ final class SegmentFiles implements Closeable {
 
     /** Deletes the files of segments that went; those that cannot be deleted are tried again. */
     void deleteGarbage() throws IOException {
-        Thoroughly.forEach(takeGarbage(), segment -> {
-            try {
-                segment.delete();
-            } catch (IOException e) {
-                addGarbage(segment);
-                throw e;
-            }
-        });
+        try {
+            Thoroughly.forEach(takeGarbage(), segment -> {
+                try {
+                    segment.delete();
+                } catch (IOException e) {
+                    addGarbage(segment);
+                    throw e;
+                }
+            });
+        } finally {
+            endDeletion();
+        }
     }
 
     private synchronized List<Segment> takeGarbage() {
-        List<Segment> taken = closed ? List.of() : List.copyOf(garbage);
-        garbage.clear();
+        deletions++;
+        List<Segment> taken = new ArrayList<>();
+        if (!closed) {
+            taken.addAll(garbage);
+            garbage.clear();
+        }
         return taken;
     }
 
-    /** Waits for the reads under way, lets no more begin, and closes all files. */
-    @Override
-    public void close() throws IOException {
-        Thoroughly.forEach(endPins(), Segment::rest);
+    private synchronized void endDeletion() {
+        deletions--;
+        notifyAll();
     }
 
-    private synchronized List<Segment> endPins() {
+    /**
+     * Lets nothing begin any more, waits for reads and deletions under way, and closes all files.
+     * Garbage that is left is deleted when the store is opened again.
+     */
+    @Override
+    public void close() throws IOException {
+        Thoroughly.forEach(endUse(), Segment::rest);
+    }
+
+    private synchronized List<Segment> endUse() {
         closed = true;
         boolean interrupted = false;
-        while (byId.values().stream().anyMatch(segment -> segment.pins > 0)) {
+        while (deletions > 0 || byId.values().stream().anyMatch(segment -> segment.pins > 0)) {
             try {
                 wait();
             } catch (InterruptedException e) {
@@ -270,7 +288,7 @@ final class SegmentFiles implements Closeable {
         if (interrupted) {
             Thread.currentThread().interrupt();
         }
-        return List.copyOf(byId.values());
+        return Stream.concat(byId.values().stream(), garbage.stream()).toList();
     }
 
     // --- Figures ---------------------------------------------------------------------------------

@@ -3,7 +3,6 @@ package stor.device.store;
 import static java.nio.charset.StandardCharsets.UTF_8;
 import static org.junit.jupiter.api.Assertions.assertDoesNotThrow;
 import static org.junit.jupiter.api.Assertions.assertEquals;
-import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
@@ -354,17 +353,8 @@ class BlockStoreTest {
             assertTrue(said.contains(holder), said);
         }
         store.close();
-        assertNoneOpen(folder);
+        StoreStorm.requireNoneOpen(folder);
         open(disk, 1 << 20);
-    }
-
-    static void assertNoneOpen(Path folder) throws IOException {
-        for (File handle : new File("/proc/self/fd").listFiles()) {
-            if (Files.isSymbolicLink(handle.toPath())) {
-                Path file = Files.readSymbolicLink(handle.toPath());
-                assertFalse(file.startsWith(folder), file.toString());
-            }
-        }
     }
 
     @Test

@@ -95,7 +95,14 @@ final class FaultyDisk implements Disk {
     @Override
     public DiskFile create(String name) throws IOException {
         DiskFile[] file = new DiskFile[1];
-        step(() -> file[0] = disk.create(name));
+        try {
+            step(() -> file[0] = disk.create(name));
+        } catch (IOException e) {
+            if (file[0] != null) {
+                file[0].close();
+            }
+            throw e;
+        }
         return new FaultyFile(file[0]);
     }
 

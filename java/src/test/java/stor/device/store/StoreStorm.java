@@ -1,7 +1,9 @@
 package stor.device.store;
 
+import java.io.File;
 import java.io.IOException;
 import java.nio.file.Files;
+import java.nio.file.NoSuchFileException;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Arrays;
@@ -88,12 +90,14 @@ public final class StoreStorm {
         storm.start(storm::readSnapshot);
         try {
             storm.disturb(millis, new Random(seed));
+            storm.segments = storm.store.stats().segments();
         } finally {
             storm.done = true;
             for (Thread thread : storm.threads) {
                 thread.join();
             }
             storm.close();
+            requireNoneOpen(folder);
         }
         if (storm.failure != null) {
             throw new AssertionError("after " + storm, storm.failure);
@@ -211,7 +215,7 @@ public final class StoreStorm {
         close();
         opening.writeLock().lock();
         try {
-            BlockStoreTest.assertNoneOpen(folder);
+            requireNoneOpen(folder);
             open();
             reopenings++;
             for (DeviceModel model : models) {
@@ -228,7 +232,6 @@ public final class StoreStorm {
     }
 
     private void close() throws IOException {
-        segments = store.stats().segments();
         try {
             store.close();
         } catch (IOException e) {
@@ -256,6 +259,20 @@ public final class StoreStorm {
                     NativeMemory.bytesInUse());
         } finally {
             opening.writeLock().unlock();
+        }
+    }
+
+    /** Looks for handles that a closed store has left open. */
+    static void requireNoneOpen(Path folder) throws IOException {
+        for (File handle : HANDLES.toFile().listFiles()) {
+            try {
+                Path file = Files.readSymbolicLink(handle.toPath());
+                if (file.startsWith(folder)) {
+                    throw new AssertionError("left open: " + file);
+                }
+            } catch (NoSuchFileException e) {
+                // That with which the handles were listed, or another's.
+            }
         }
     }
 
