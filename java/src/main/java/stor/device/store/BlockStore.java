@@ -44,8 +44,9 @@ import stor.device.skiplist.Visitor;
  * <p>Any thread may call any method. {@code index} guards the maps and is never held while a file
  * is read or written. At most one flush and one compaction run at a time, also beside each other.
  * Locks are taken in this order: {@code flushing} or {@code compacting}, file map, {@code index},
- * segments. An interrupt ends nothing here, and is kept for whoever asks next. A closed store, or one
- * that is being closed, throws {@link IllegalStateException} from everything but {@code close}.
+ * segments. An interrupt ends nothing here, and is kept for whoever asks next. A store that is
+ * closed, or being closed, refuses requests, snapshots, flushes and compactions with an
+ * {@link IllegalStateException}.
  */
 public final class BlockStore implements AutoCloseable {
     /** An insert makes up to three ranges before it drops what they replace. */
@@ -491,7 +492,8 @@ public final class BlockStore implements AutoCloseable {
     private void requireOpen(String operation) {
         synchronized (index) {
             if (closed) {
-                throw new IllegalStateException(operation + ": the store is closed (expected: open)");
+                throw new IllegalStateException(
+                        operation + ": the store is closed (expected: open)");
             }
         }
     }

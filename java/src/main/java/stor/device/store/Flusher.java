@@ -25,9 +25,9 @@ import stor.device.store.BlockStore.Step;
  * <li>The frozen map is dropped.
  * </ol>
  *
- * <p>A failure leaves the frozen map, and the next flush goes on with the batch that failed. A buffer
- * that somebody else has released holds up nothing: its sectors become damaged ones, all else is
- * written, and then the flush fails. One thread at a time.
+ * <p>A failure leaves the frozen map, and the next flush goes on with the batch that failed. A
+ * buffer that somebody else has released holds up nothing: its sectors become damaged ones, all else
+ * is written, and then the flush fails. One thread at a time.
  */
 final class Flusher {
     private static final int BATCH_BYTES = 4 << 20;

@@ -8,15 +8,16 @@ import java.nio.channels.OverlappingFileLockException;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.List;
+import java.util.Objects;
 import java.util.stream.Stream;
 
 /**
  * Keeps a folder for one store, by a file that is open as long as the store is, locked, and has the
  * process id. The system lets the lock go when the process ends, however it ends.
  *
- * <p>But such a lock holds off nobody in its own process, and is lost as soon as anything there opens
- * the file and closes it again. So who has the file open is asked, too: of this process before the
- * file is touched, and of the one that the file names.
+ * <p>But such a lock holds off nobody in its own process, and is lost as soon as anything there
+ * opens the file and closes it again. So who has the file open is asked, too: of this process before
+ * the file is touched, and of the one that the file names.
  */
 final class FolderLock implements Closeable {
     static final String NAME = "lock";
@@ -46,8 +47,8 @@ final class FolderLock implements Closeable {
         RandomAccessFile file = new RandomAccessFile(path.toFile(), "rw");
         try {
             boolean locked = tryLock(file);
-            String holder = file.readLine();
-            if (!locked || holder != null && !holder.equals(me) && isOpenIn(holder, path)) {
+            String holder = Objects.requireNonNullElse(file.readLine(), "that has just begun");
+            if (!locked || !holder.equals(me) && isOpenIn(holder, path)) {
                 throw inUse(path, holder);
             }
             // In place, which needs no room on a full disk.
@@ -69,7 +70,7 @@ final class FolderLock implements Closeable {
         }
     }
 
-    /** Tells whether a process is known to have the file open, or to have had it deleted meanwhile. */
+    /** Tells whether a process is known to have the file open, even if that was deleted. */
     private static boolean isOpenIn(String process, Path path) {
         List<String> names = List.of(path.toString(), path + " (deleted)");
         Path handles = Path.of("/proc", process, "fd");

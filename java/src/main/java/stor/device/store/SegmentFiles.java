@@ -70,9 +70,11 @@ final class SegmentFiles implements Closeable {
 
     /** Gives the count of the segment with that file name, or nothing if it is no segment's. */
     static OptionalLong parse(String name) {
-        return name.matches(PREFIX + "\\d{6,12}")
-                ? OptionalLong.of(Long.parseLong(name.substring(PREFIX.length())))
-                : OptionalLong.empty();
+        if (!name.matches(PREFIX + "\\d{6,12}")) {
+            return OptionalLong.empty();
+        }
+        long id = Long.parseLong(name.substring(PREFIX.length()));
+        return name(id).equals(name) ? OptionalLong.of(id) : OptionalLong.empty();
     }
 
     // --- Writing ---------------------------------------------------------------------------------

@@ -449,6 +449,7 @@ class BlockStoreTest {
         } finally {
             Locale.setDefault(usual);
         }
+        Files.createFile(folder.resolve("segment-0000000"));
         int open = new File("/proc/self/fd").list().length;
         assertTrue(store.stats().segments() > 300);
         store.close();
