@@ -3,9 +3,13 @@ package stor.device.skiplist;
 /** Compares what {@link NativeLayout} reads of a map with what the native methods say of it. */
 final class LayoutCheck {
     private static final int HEIGHT = 4;
-    /** So few that they have no signposts, and so many that these have several chunks. */
-    private static final int[] SIZES = {40, 3000};
     private static final int STRIDE = 16;
+    /** So few that they have no signposts. */
+    private static final int FEW = 40;
+    /** So many that the signposts have two chunks: one in four is promoted, 255 fit into one. */
+    private static final int MANY = 1400;
+    /** How far apart the positions are that are searched; meets all places in a range. */
+    private static final int STEP = 37;
 
     private LayoutCheck() {
     }
@@ -15,21 +19,24 @@ final class LayoutCheck {
         long map = 0;
         try {
             map = JniSkipListNative.createSkipList(HEIGHT, 1);
-            int filled = 0;
-            boolean same = true;
-            for (int size : SIZES) {
-                for (; filled < size; filled++) {
-                    insert(map, filled);
-                }
-                same = same && nodesAgree(map) && searchesAgree(map, size);
+            fill(map, 0, FEW);
+            if (!nodesAgree(map) || !searchesAgree(map, FEW)) {
+                return false;
             }
-            return same;
+            fill(map, FEW, MANY);
+            return searchesAgree(map, MANY);
         } catch (OutOfMemoryError e) {
             return false;
         } finally {
             if (map != 0) {
                 JniSkipListNative.destorySkipList(map);
             }
+        }
+    }
+
+    private static void fill(long map, int from, int to) {
+        for (int i = from; i < to; i++) {
+            insert(map, i);
         }
     }
 
@@ -74,7 +81,7 @@ final class LayoutCheck {
     private static boolean searchesAgree(long map, int size) {
         boolean same = true;
         for (long position = -21L * STRIDE; same && position < (size - 19L) * STRIDE;
-                position += 5) {
+                position += STEP) {
             long found = JniSkipListNative.getNodes(map, position, 0)[0];
             long before = InPlaceSearch.lastStartingBy(map, position);
             same = InPlaceSearch.firstEndingAfter(map, position) == found

@@ -177,7 +177,8 @@ public final class RangeBatch {
     private int checked(int index) {
         if (index < 0 || index >= size) {
             throw new IndexOutOfBoundsException(
-                    "RangeBatch: index: " + index + " (expected: 0 to " + (size - 1) + ")");
+                    "RangeBatch: index: " + index + " (expected: "
+                            + (size == 0 ? "none, it is empty" : "0 to " + (size - 1)) + ")");
         }
         return index;
     }
