@@ -53,8 +53,6 @@ final class NativeLayout {
     private static final int NODE_LINKS = 96;
 
     static {
-        // Loads the library, if nobody has: whether a JVM lets us read may depend on that.
-        JniSkipListNative.tryTest();
         IS_TRUSTED = !"false".equalsIgnoreCase(System.getProperty(PROPERTY))
                 && MemoryReader.isAvailable() && LayoutCheck.succeeds();
     }
@@ -62,7 +60,7 @@ final class NativeLayout {
     private NativeLayout() {
     }
 
-    /** Has {@link #IS_TRUSTED} decided by now. */
+    /** Has {@link #IS_TRUSTED} decided by now. The library is loaded: that may be what allows it. */
     static void decide() {
         // Done before anybody can call.
     }

@@ -58,6 +58,8 @@ final class NativeMap implements Runnable {
     void open() {
         handle = JniSkipListNative.createSkipList(height, sectorSize);
         OPEN.incrementAndGet();
+        // Here rather than in the first query, which may be deep in a stack.
+        NativeLayout.decide();
     }
 
     long handle() {

@@ -60,6 +60,7 @@ public final class NativeMemory {
             throw Arguments.illegal("setLimit", "bytes: " + bytes, "> 0");
         }
         // Looks at a map of its own, which this limit might refuse.
+        JniSkipListNative.tryTest();
         NativeLayout.decide();
         JniSkipListNative.init(bytes);
         limit = bytes;
