@@ -99,9 +99,10 @@ import stor.device.skiplist.MapGuard.Access;
  *
  * <p>A search takes time in proportion to the logarithm of the number of ranges, a walk to the
  * ranges walked over, a change to the ranges replaced and a search. Queries read native memory in
- * place, with no call out of Java, where the JVM allows that without a warning: Java 17 to 23 do,
- * later ones if this module may use native code ({@code --enable-native-access}), or has been warned
- * of for it. Elsewhere, and with the system property {@code skiplist.readInPlace} set to
+ * place, with no call out of Java, where the JVM allows that without a warning: Java 17 to 23 do, if
+ * they have the module {@code jdk.unsupported}, which programs on the class path always have; later
+ * ones if this module may use native code ({@code --enable-native-access}), or has been warned of
+ * for it. Elsewhere, and with the system property {@code skiplist.readInPlace} set to
  * {@code false}, they call the library, with the same results; {@link #floor}, {@link #lower} and
  * {@link #last} then take up to 64 searches.
  *
