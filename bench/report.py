@@ -139,7 +139,8 @@ def read_misses(results):
         cost = dict(zip(events[1].split(), map(int, totals[1].split())))
         operations = int(Path(f"{profile}.txt").read_text().split()[0])
         _, name, work = profile.name.split(".")
-        misses = cost["D1mr"] + cost["D1mw"]
+        # Zeros at the end are left out.
+        misses = cost["D1mr"] + cost.get("D1mw", 0)
         counts[name, work] = misses / operations, cost["Ir"] / operations
     return counts
 
