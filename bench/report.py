@@ -471,12 +471,11 @@ def main():
     java = None
     parts = {
         "machine": machine_part(native),
-        "native": f"{stamps.line('native')}.\n\n{native_part(native)}",
         "growth": "![Growth](charts/growth.svg)",
-        "buffers": buffers_part(native),
-        "memory": memory_part(native),
-        "threads": threads_part(native),
     }
+    for name, part in [("native", native_part), ("buffers", buffers_part),
+                       ("memory", memory_part), ("threads", threads_part)]:
+        parts[name] = f"{stamps.line('native')}.\n\n{part(native)}"
     draw_growth(native, charts / "growth.svg")
     draw_ratios(native, charts / "ratios.svg")
     if instructions:
