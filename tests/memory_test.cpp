@@ -78,6 +78,8 @@ TEST_F(Memory, IdleRecordIsRetiredAndReplacedByTheNextCharge) {
     MemoryStat::statsMem(-1);
     EXPECT_NE(thr_local_stats, mine);
     // A retired record that its thread has replaced does not take the new one with it.
+    MemoryStat::statsMap.put(id, mine);
+    MemoryStat::statsMap.put(id, thr_local_stats);
     MemoryStat::statsMap.clean({mine});
     EXPECT_EQ(MemoryStat::statsMap.find(id), thr_local_stats);
 }
@@ -149,6 +151,7 @@ TEST_F(Memory, BatchRecordsOnceAtItsEndAndNoLimitMissesWhatItHolds) {
         MemoryStat::setMaxMem(sweptTotal() + 23);
         EXPECT_THROW(Index(0, 1), jni_bad_alloc);
         MemoryStat::statsMem(-ChargeBatch::bound);
+        EXPECT_EQ(sweptTotal(), swept + 24);
     }
     EXPECT_EQ(sweptTotal(), swept);
 }

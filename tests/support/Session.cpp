@@ -119,7 +119,7 @@ void Session::step() {
             change(
                 pair, [&] { return pair.map->release(); },
                 [](MapModel& model, std::size_t limit) { return limit > 0 ? model.release() : 0; },
-                false);
+                0);
             break;
         case 2:
             copy(pairs[below(2)], pair);
@@ -157,9 +157,9 @@ void Session::step() {
 }
 
 // Makes a call that changes the map, perhaps with a fault, and the same change of the model, which
-// may also make the first `limit` pieces of it only.
+// may also make the first `limit` pieces of it only. `room`: the least without which it is refused.
 template <typename Call, typename Outcome>
-void Session::change(Pair& pair, Call call, Outcome outcome, bool charges) {
+void Session::change(Pair& pair, Call call, Outcome outcome, int room) {
     const bool faulty = below(3) == 0;
     const Kind kind = any(std::array{Kind::allocation, Kind::allocationsFrom, Kind::charge,
                                      Kind::limit, Kind::javaCall, Kind::globalReference});
@@ -177,7 +177,7 @@ void Session::change(Pair& pair, Call call, Outcome outcome, bool charges) {
     }
     const bool failed = !java.thrownClass.empty();
     require(!failed || faulty, java.thrownMessage.c_str());
-    require(failed || !faulty || !charges || kind != Kind::limit || n > 23, "not refused");
+    require(failed || !faulty || kind != Kind::limit || n >= room, "not refused");
     if (failed) {
         require(java.thrownClass == (kind == Kind::javaCall ? "java/lang/RuntimeException"
                                                             : "java/lang/OutOfMemoryError"),
@@ -231,7 +231,8 @@ void Session::insert(Pair& pair) {
         [&](MapModel& model, std::size_t limit) {
             if (limit > 0) model.insert(added);
             return 0;
-        });
+        },
+        Node::charge);
 }
 
 void Session::copy(Pair& from, Pair& to) {
@@ -246,7 +247,7 @@ void Session::copy(Pair& from, Pair& to) {
             source.copyTo(model, limit);
             return 0;
         },
-        !from.model.state.ranges.empty());
+        from.model.state.ranges.empty() ? 0 : Node::charge);
 }
 
 void Session::query(Pair& pair) {

@@ -50,7 +50,7 @@ class Session {
     void chooseLocation(Stored& range);
     void step();
     template <typename Call, typename Outcome>
-    void change(Pair& pair, Call call, Outcome outcome, bool charges = true);
+    void change(Pair& pair, Call call, Outcome outcome, int room = Data::charge);
     void adoptMissingReference(Pair& pair, const Snapshot& found) const;
     void insert(Pair& pair);
     void copy(Pair& from, Pair& to);

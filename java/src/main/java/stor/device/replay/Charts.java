@@ -31,6 +31,8 @@ final class Charts {
     private static final int WIDTH = 430;
     private static final int HEIGHT = 260;
     private static final int MAX_SERIES = 6;
+    // For the half of the highest label that is above its line.
+    private static final int TOP = 6;
     private static final Color TEXT = new Color(0x010101);
     private static final Color GRID = new Color(0x020202);
     private static final Color TRANSPARENT = new Color(0, 0, 0, 0);
@@ -72,8 +74,6 @@ final class Charts {
         axis.setBase(10);
         axis.setTickUnit(new NumberTickUnit(1));
         axis.setMinorTickMarksVisible(false);
-        // For the half of the topmost label that is above its line.
-        axis.setUpperMargin(0.15);
         axis.setNumberFormatOverride(ShortNumbers.format(false));
         axis.setLabelFont(plot.getRangeAxis().getLabelFont());
         axis.setTickLabelFont(plot.getRangeAxis().getTickLabelFont());
@@ -148,7 +148,7 @@ final class Charts {
         // Names in one SVG element are seen by all elements of the page.
         drawn++;
         svg.setDefsKeyPrefix(String.format(Locale.ROOT, "chart%d-", drawn));
-        chart.draw(svg, new Rectangle2D.Double(0, 0, WIDTH, HEIGHT));
+        chart.draw(svg, new Rectangle2D.Double(0, TOP, WIDTH, HEIGHT - TOP));
         String text = svg.getSVGElement(null, true, new ViewBox(0, 0, WIDTH, HEIGHT), null, null)
                 .replace("rgb(1,1,1)", "var(--text)").replace("rgb(2,2,2)", "var(--grid)");
         for (int i = 0; i < MAX_SERIES; i++) {

@@ -360,6 +360,8 @@ class ChildJvmTest {
             Random random = new Random(status);
             CountDownLatch busy = new CountDownLatch(THREADS);
             long large = largeMap();
+            // What the first buffer takes would outlast the process.
+            useBuffers(0);
             forever(busy, () -> useBuffers(1));
             forever(busy, () -> useBuffers(2));
             forever(busy, () -> copy(large));
@@ -399,8 +401,8 @@ class ChildJvmTest {
         private static void useBuffers(long seed) {
             Random random = new Random(seed);
             ByteBuf buffer = Unpooled.directBuffer().writeZero(512);
-            try (OffHeapRangeMap map = OffHeapRangeMap.create(6, 512);
-                    OffHeapRangeMap copy = OffHeapRangeMap.create(6, 512)) {
+            try (OffHeapRangeMap map = OffHeapRangeMap.createUnaligned(6, 512);
+                    OffHeapRangeMap copy = OffHeapRangeMap.createUnaligned(6, 512)) {
                 for (int i = 0; i < 500; i++) {
                     map.insert(random.nextInt(1 << 16), 512, new FileLocation(1, 0, 1, i), buffer);
                 }

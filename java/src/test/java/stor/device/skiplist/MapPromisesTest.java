@@ -20,6 +20,7 @@ import java.util.concurrent.ConcurrentLinkedQueue;
 import java.util.concurrent.Executors;
 import java.util.concurrent.FutureTask;
 import java.util.concurrent.TimeUnit;
+import java.util.concurrent.locks.LockSupport;
 import java.util.function.Consumer;
 import java.util.stream.Stream;
 import org.junit.jupiter.api.Test;
@@ -242,6 +243,7 @@ class MapPromisesTest {
             Thread asking = new Thread(() -> {
                 while (!Thread.interrupted()) {
                     NativeMemory.bytesInUse();
+                    LockSupport.parkNanos(1000);
                 }
             });
             asking.start();
@@ -252,7 +254,7 @@ class MapPromisesTest {
             assertThrows(OutOfMemoryError.class, () -> {
                 for (long i = 0; System.nanoTime() < end; i++) {
                     map.insert(2 * i * SECTOR, SECTOR, AT);
-                    if (i % 20_000 == 0) {
+                    if (i % 2000 == 0) {
                         Thread.sleep(100);
                     }
                 }
