@@ -51,14 +51,15 @@ final class RunFigures {
 
     /** Describes the requests in a sentence. */
     static String mix(TraceLoad load) {
-        long all = Math.max(1, load.requests());
+        TraceLoad.Rate total = load.total();
+        long all = Math.max(1, total.requests());
         return text("%,d requests: %.1f %% writes (%s), %.1f %% reads (%s), %.1f %% discards (%s)",
-                load.requests(), 100.0 * load.requests(Kind.WRITE) / all,
-                ShortNumbers.shortenBytes(load.bytes(Kind.WRITE)),
-                100.0 * load.requests(Kind.READ) / all,
-                ShortNumbers.shortenBytes(load.bytes(Kind.READ)),
-                100.0 * load.requests(Kind.DISCARD) / all,
-                ShortNumbers.shortenBytes(load.bytes(Kind.DISCARD)));
+                total.requests(), 100.0 * total.requests(Kind.WRITE) / all,
+                ShortNumbers.shortenBytes(total.bytes(Kind.WRITE)),
+                100.0 * total.requests(Kind.READ) / all,
+                ShortNumbers.shortenBytes(total.bytes(Kind.READ)),
+                100.0 * total.requests(Kind.DISCARD) / all,
+                ShortNumbers.shortenBytes(total.bytes(Kind.DISCARD)));
     }
 
     /** Tells whether so many samples say anything about a percentile. */
@@ -117,8 +118,8 @@ final class RunFigures {
                     "its requests bear no times");
             return;
         }
-        long bytes = load.bytes(Kind.READ) + load.bytes(Kind.WRITE);
-        needs.add("requestsPerSecond", "requests a second", load.requests() / seconds,
+        long bytes = load.total().bytes();
+        needs.add("requestsPerSecond", "requests a second", load.total().requests() / seconds,
                 Unit.PER_SECOND, text("on average, by the trace's clock, in %,.1f s", seconds));
         needs.add("bytesPerSecond", "bytes a second", bytes / seconds, Unit.BYTES_PER_SECOND,
                 "read and written, on average");
@@ -138,13 +139,14 @@ final class RunFigures {
     private void addLoad(long badLines, int devices) {
         Section section = figures.section("load", "The trace"
                 + (options.repeat() > 1 ? ", once" : ""));
-        section.add("requests", "requests", load.requests(), Unit.COUNT);
-        section.add("reads", "reads", load.requests(Kind.READ), Unit.COUNT);
-        section.add("readBytes", "bytes read", load.bytes(Kind.READ), Unit.BYTES);
-        section.add("writes", "writes", load.requests(Kind.WRITE), Unit.COUNT);
-        section.add("writtenBytes", "bytes written", load.bytes(Kind.WRITE), Unit.BYTES);
-        section.add("discards", "discards", load.requests(Kind.DISCARD), Unit.COUNT);
-        section.add("discardedBytes", "bytes discarded", load.bytes(Kind.DISCARD), Unit.BYTES);
+        TraceLoad.Rate total = load.total();
+        section.add("requests", "requests", total.requests(), Unit.COUNT);
+        section.add("reads", "reads", total.requests(Kind.READ), Unit.COUNT);
+        section.add("readBytes", "bytes read", total.bytes(Kind.READ), Unit.BYTES);
+        section.add("writes", "writes", total.requests(Kind.WRITE), Unit.COUNT);
+        section.add("writtenBytes", "bytes written", total.bytes(Kind.WRITE), Unit.BYTES);
+        section.add("discards", "discards", total.requests(Kind.DISCARD), Unit.COUNT);
+        section.add("discardedBytes", "bytes discarded", total.bytes(Kind.DISCARD), Unit.BYTES);
         section.add("seconds", "time", load.seconds(), Unit.SECONDS, "by the trace's clock");
         section.add("devices", "devices", devices, Unit.COUNT);
         section.add("badLines", "lines skipped", badLines, Unit.COUNT,

@@ -17,8 +17,7 @@ final class TraceLoad {
     private static final int MAX_STEPS = 600;
     private static final int KINDS = Kind.values().length;
 
-    private final long[] requests = new long[KINDS];
-    private final long[] bytes = new long[KINDS];
+    private final Rate total = new Rate();
     private long[] deviceEnds = new long[1];
     private long first;
     private long earliest = Long.MAX_VALUE;
@@ -66,8 +65,7 @@ final class TraceLoad {
 
     /** Counts a request. */
     void add(Request request) {
-        requests[request.kind().ordinal()]++;
-        bytes[request.kind().ordinal()] += request.length();
+        total.add(request);
         int device = (int) (request.offset() / TraceFormat.MAX_DEVICE_BYTES);
         if (device >= deviceEnds.length) {
             deviceEnds = Arrays.copyOf(deviceEnds, 2 * device);
@@ -77,16 +75,9 @@ final class TraceLoad {
         addToClock(request);
     }
 
-    long requests() {
-        return Arrays.stream(requests).sum();
-    }
-
-    long requests(Kind kind) {
-        return requests[kind.ordinal()];
-    }
-
-    long bytes(Kind kind) {
-        return bytes[kind.ordinal()];
+    /** Gives what came in all. */
+    Rate total() {
+        return total;
     }
 
     /** Sums up the ends of the highest requests to each device. */
