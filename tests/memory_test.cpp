@@ -79,6 +79,7 @@ TEST_F(Memory, IdleRecordIsRetiredAndReplacedByTheNextCharge) {
     EXPECT_NE(thr_local_stats, mine);
     // A retired record that its thread has replaced does not take the new one with it.
     MemoryStat::statsMap.put(id, mine);
+    EXPECT_EQ(MemoryStat::statsMap.find(id), mine);
     MemoryStat::statsMap.put(id, thr_local_stats);
     MemoryStat::statsMap.clean({mine});
     EXPECT_EQ(MemoryStat::statsMap.find(id), thr_local_stats);
