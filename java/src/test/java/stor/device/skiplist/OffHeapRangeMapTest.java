@@ -14,6 +14,7 @@ import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.Optional;
+import java.util.stream.Stream;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.extension.ExtendWith;
@@ -30,6 +31,29 @@ class OffHeapRangeMapTest {
     void checkAndClose() {
         map.checkInvariants();
         map.close();
+    }
+
+    /** With signposts, where no node may be looked for behind the last one. */
+    @Test
+    void bothEndsOfThePositionsAreFoundAmongManyRanges() {
+        try (OffHeapRangeMap map = OffHeapRangeMap.createUnaligned(12, 1)) {
+            long first = Long.MIN_VALUE + 1;
+            long last = Long.MAX_VALUE - 1;
+            map.insert(first, 8, new FileLocation(1, 0, 1, 0));
+            map.insert(last - 8, 8, new FileLocation(1, 0, 2, 0));
+            for (int i = 0; i < 600; i++) {
+                map.insert(i * 16, 8, new FileLocation(1, i * 99, 3, i));
+            }
+            assertEquals(List.of(first, last - 1, last - 8, last - 8, first, first, 0L, last - 8),
+                    Stream.of(map.get(first), map.get(last - 1), map.floor(last + 1), map.lower(last),
+                            map.floor(first), map.ceiling(first - 1), map.higher(first),
+                            map.last())
+                            .map(range -> range.orElseThrow().offset()).toList());
+            for (Optional<MappedRange> none : List.of(map.get(last + 1), map.get(last),
+                    map.lower(first), map.ceiling(last + 1), map.higher(last + 1), map.higher(last - 8))) {
+                assertEquals(Optional.empty(), none);
+            }
+        }
     }
 
     /** Otherwise all tests are of the queries by native methods, which one has for itself. */
