@@ -88,20 +88,17 @@ class MapPromisesTest {
     @ParameterizedTest
     @MethodSource("calls")
     void whereTheStackEndsNoLockAndNoReferenceIsLeft(Call call) throws Exception {
-        for (int i = 0; i < 3; i++) {
-            OffHeapRangeMap map = OffHeapRangeMap.create(4, SECTOR);
-            InThread.call(SMALL_STACK,
-                    Executors.callable(() -> dive(() -> call.body().accept(map))));
-            FutureTask<Object> check = InThread.start(() -> {
-                map.checkInvariants();
-                map.close();
-                OTHERS.forEach(OffHeapRangeMap::close);
-                OTHERS.clear();
-                return null;
-            });
-            check.get(30, TimeUnit.SECONDS);
-            assertEquals(1, BUFFER.refCnt());
-        }
+        OffHeapRangeMap map = OffHeapRangeMap.create(4, SECTOR);
+        InThread.call(SMALL_STACK, Executors.callable(() -> dive(() -> call.body().accept(map))));
+        FutureTask<Object> check = InThread.start(() -> {
+            map.checkInvariants();
+            map.close();
+            OTHERS.forEach(OffHeapRangeMap::close);
+            OTHERS.clear();
+            return null;
+        });
+        check.get(30, TimeUnit.SECONDS);
+        assertEquals(1, BUFFER.refCnt());
     }
 
     /** A buffer of which every method that a map may call does something else first. */
