@@ -117,6 +117,6 @@ set_tests_properties(java-replay-public PROPERTIES FIXTURES_REQUIRED public-trac
 add_java_test(java-shared-map SAYS "^PASS: " RUNS ${checks} stor.device.bench.SharedMap 5)
 # Fails if the maps that are compared disagree; the times say nothing.
 add_java_test(java-benchmark RUNS stor.device.bench.RangeMapBenchmark
-  --rounds 1 --ranges 2000 --gc-ranges 2000 ${trace})
+  --warm-up 0 --rounds 1 --ranges 2000 --gc-ranges 2000 ${trace})
 add_test(NAME javadoc COMMAND ${javadoc})
 set_tests_properties(javadoc PROPERTIES LABELS java)
