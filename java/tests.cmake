@@ -45,8 +45,9 @@ if(SKIPLIST_PRELOAD)
     list(APPEND preload ${file})
   endforeach()
   list(JOIN preload ":" preload)
+  # The JVM itself prints the name of a library that it has just unloaded.
   set(environment LD_PRELOAD=${preload}
-    ASAN_OPTIONS=detect_leaks=0:handle_segv=0:allow_user_segv_handler=1:use_sigaltstack=0)
+    ASAN_OPTIONS=detect_leaks=0:handle_segv=0:allow_user_segv_handler=1:use_sigaltstack=0:check_printf=0)
   # A file that stays, so that reports name functions and lines.
   list(APPEND properties -Dskiplist.native.library=$<TARGET_FILE:skiplistjni>)
 endif()

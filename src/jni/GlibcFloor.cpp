@@ -74,8 +74,8 @@ int pthread_setspecific(pthread_key_t key, const void* value) {
     return first_pthread_setspecific(key, reinterpret_cast<std::uintptr_t>(value));
 }
 
-// glibc 2.38, for which newer compilers write strtoul: it reads binary numbers too. The runtime reads
-// sizes from a variable of the environment by it.
+// glibc 2.38, for which newer compilers write strtoul: it reads binary numbers too. The runtime
+// reads sizes from a variable of the environment by it.
 unsigned long first_strtoul(const char* text, char** end, int base);
 FROM_THE_START(strtoul);
 
