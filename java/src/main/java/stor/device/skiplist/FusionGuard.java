@@ -14,7 +14,7 @@ package stor.device.skiplist;
  * wherever they meet: an insert of an empty one always looks. Pieces cut from them have no version
  * and join only with each other, inside the range they come from.
  *
- * <p>A look costs two queries. All methods are called with the map's lock held.
+ * <p>A look costs two searches. The caller of each method is alone in the map.
  */
 final class FusionGuard {
     private static final long LONGEST = Integer.MAX_VALUE;

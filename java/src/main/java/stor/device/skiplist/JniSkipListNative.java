@@ -65,11 +65,10 @@ import io.netty.buffer.ByteBuf;
  *
  * <p>A map has no lock. While a call changes a map, releases its buffers included, no other call
  * may be running on it or on its nodes; queries, counters and reads of nodes may run beside each
- * other.
- * The caller sees to that, and one lock for each map, held around every call and for as long as
- * node handles and borrowed buffers are in use, is the recommended way. {@link #copySkipList}
- * occupies both of its maps. Calls on different maps, {@link #init}, {@link #tryTest} and
- * {@link #getStats} need no serialising.
+ * other. To this extent the caller serialises the calls, and one lock for each map, held around
+ * every call and for as long as node handles and borrowed buffers are in use, is the recommended
+ * way. {@link #copySkipList} occupies both of its maps. Calls on different maps, {@link #init},
+ * {@link #tryTest} and {@link #getStats} need no serialising.
  *
  * <p>Java is called back (to slice and to release buffers) in the environment of the thread that
  * last made one of these calls on the map: {@link #createSkipList}, {@link #insert},

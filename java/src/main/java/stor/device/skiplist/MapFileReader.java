@@ -42,7 +42,7 @@ final class MapFileReader {
         OffHeapRangeMap map = readHeader();
         try {
             while (readBlock()) {
-                map.load(() -> appendBlock(map));
+                map.appendAll(() -> appendBlock(map));
             }
             return map;
         } catch (IOException | RuntimeException | Error failure) {

@@ -8,9 +8,9 @@ import java.util.List;
 import java.util.zip.CRC32C;
 
 /**
- * Puts a map into the form of {@link MapFile}: first all of it into the heap, with the map's lock
- * held, then, without the lock, to the channel. So a channel that is slow, waits or uses the map
- * holds up nobody. One thread, once.
+ * Puts a map into the form of {@link MapFile}: first all of it into the heap, inside the map's
+ * guard, then, outside of it, to the channel. So a channel that is slow, waits or uses the map holds
+ * up nobody. One thread, once.
  */
 final class MapFileWriter {
     private final List<ByteBuffer> filled = new ArrayList<>();
@@ -36,7 +36,7 @@ final class MapFileWriter {
         block = newBlock();
     }
 
-    /** Takes all ranges of a map whose lock the caller holds. */
+    /** Takes all ranges of a map whose guard the caller is inside. */
     void encode(long map, BufferedRanges buffered) {
         long count = 0;
         for (long node = MapSearch.first(map); !NodeReader.isEndMark(node);

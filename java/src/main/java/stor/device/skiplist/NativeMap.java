@@ -9,7 +9,7 @@ import java.util.concurrent.atomic.AtomicLong;
 /**
  * The native half of an {@link OffHeapRangeMap}: is destroyed once, when the map is closed or, as a
  * safety net that tells of it, when the map was lost. Must refer neither to the map nor to its
- * guard. The map's guard serialises the calls.
+ * guard. The map's guard keeps changes apart.
  */
 final class NativeMap implements Runnable {
     private static final String LEVEL_PROPERTY = "skiplist.leakDetection";

@@ -103,8 +103,8 @@ import stor.device.skiplist.MapGuard.Access;
  * they have the module {@code jdk.unsupported}, which programs on the class path always have; later
  * ones if this module may use native code ({@code --enable-native-access}), or has been warned of
  * for it. Elsewhere, and with the system property {@code skiplist.readInPlace} set to
- * {@code false}, they call the library, with the same results; {@link #floor}, {@link #lower} and
- * {@link #last} then take up to 64 searches.
+ * {@code false}, they call the library, with the same results; {@link #floor}, {@link #lower},
+ * {@link #last} and {@link #remove} then take up to 64 searches.
  *
  * <h2>Failure</h2>
  *
@@ -1111,7 +1111,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
     }
 
     /** Enters the map once for any number of calls of {@link #append}. */
-    void load(Appends body) throws IOException {
+    void appendAll(Appends body) throws IOException {
         guard.enter("load", Access.CHANGE);
         try {
             body.run();

@@ -56,7 +56,7 @@ final class SharedLock {
      */
     void enterShared(boolean again) {
         if (again || isAlone()) {
-            // Somebody may be waiting for this thread to leave.
+            // Nobody to wait for, but maybe somebody who waits for this thread to leave.
             countIn(sharers);
             return;
         }
@@ -175,11 +175,10 @@ final class SharedLock {
                 if (turn.getHoldCount() == 1) {
                     sharers = new AtomicLongArray(PLACES * LONGS_PER_PLACE);
                 }
-                crowded = false;
             } catch (OutOfMemoryError e) {
                 // One place serves as well, though not as fast.
-                crowded = false;
             } finally {
+                crowded = false;
                 leaveAlone();
             }
         }
