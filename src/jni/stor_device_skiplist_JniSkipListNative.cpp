@@ -2,8 +2,8 @@
 // arguments into those of one operation, and runs it guarded.
 //
 // Handles are plain addresses and are not checked: the Java side calls with live ones only, and
-// runs nothing beside a change of a map. The methods that pass `env` to getSkipList make the calling
-// thread's environment that of the map; the others leave it as it is.
+// runs nothing beside a change of a map. The methods that pass `env` to getSkipList make the
+// calling thread's environment that of the map; the others leave it as it is.
 //
 // The order is that of the Java class. All are defined with C linkage, so that one whose parameters
 // differ from the generated header does not compile.
