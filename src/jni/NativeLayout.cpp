@@ -19,13 +19,13 @@ struct NativeLayout {
     static_assert(offsetof(SkipList, head) == 56);
     static_assert(offsetof(SkipList, tail) == 72);
     static_assert(offsetof(SkipList, topLevel) == 664);
-    static_assert(offsetof(SkipList, signposts) + offsetof(Signposts, bounds) == 720);
-    static_assert(offsetof(SkipList, signposts) + offsetof(Signposts, chunks) == 744);
+    static_assert(offsetof(SkipList, signposts) + offsetof(Signposts, bounds) == 736);
+    static_assert(offsetof(SkipList, signposts) + offsetof(Signposts, chunks) == 760);
 
     static_assert(offsetof(Signposts::Chunk, count) == 0);
     static_assert(offsetof(Signposts::Chunk, starts) == 8);
-    static_assert(offsetof(Signposts::Chunk, nodes) == 2056);
-    static_assert(Signposts::Chunk::mostEntries + 1 == 256);
+    static_assert(offsetof(Signposts::Chunk, nodes) == 1032);
+    static_assert(Signposts::Chunk::mostEntries + 1 == 128);
 
     static constexpr std::size_t parts = offsetof(Node, own);
     static constexpr std::size_t location = parts + offsetof(NodeParts, data);

@@ -174,7 +174,7 @@ void InsertInPlace::addNew(Parts& parts) {
 }
 
 void InsertInPlace::link(std::shared_ptr<Node> node) const {
-    map.signposts.add(*node);
+    map.signposts.add(*node, map.path.walk());
     map.path.link(std::move(node));
 }
 

@@ -99,6 +99,7 @@ class Node {
     std::unique_ptr<Index> index;
     std::unique_ptr<Data> data;
     int level;
+    bool hasSignpost = false;  // kept by the map's signposts
     Arr forward;
 
   private:

@@ -8,7 +8,7 @@
 //
 // Nodes are linked and unlinked right behind the place. A path that is led from place to place
 // mostly needs no search: many writes go on where the one before them stopped. Signposts lead to
-// the place at levels 0 and 1, which is enough for fifteen nodes in sixteen.
+// the place at levels 0 and mostly 1, which is enough for fifteen nodes in sixteen.
 //
 // Invariants
 //   (1) At each level below `known`, and above that of the highest node, the entry is the last node
@@ -45,23 +45,31 @@ class Path {
     void reset() {
         std::fill(lasts.begin(), lasts.end(), head.get());
         known = height();
+        walked = 0;
     }
 
     // Moves the place behind `node`. REQUIRES: it is the one behind the place.
     void passOver(Node& node) {
         std::fill_n(lasts.begin(), node.getLevel() + 1, &node);
         known = std::max(known, node.getLevel() + 1);
+        ++walked;
     }
+
+    // How many nodes a search walks over to get here from a signpost; nearly, where nodes came and
+    // went since the last search.
+    int walk() const { return walked; }
 
     // Links a node right behind the place, at each of its levels.
     void link(std::shared_ptr<Node> node) {
-        require(node->getLevel());
-        for (int i = node->getLevel(); i >= 0; --i) {
-            std::shared_ptr<Node>& link = at(i).linked(i);
-            node->linked(i) = std::move(link);
-            if (i > 0) link = node;
+        const int level = node->getLevel();
+        require(level);
+        if (node->hasSignpost) walked = 0;
+        for (int i = level; i > 0; --i) {
+            node->linked(i).swap(at(i).linked(i));
+            at(i).linked(i) = node;
         }
-        next() = std::move(node);
+        node->linked(0).swap(next());
+        next().swap(node);
     }
 
     // Takes the node right behind the place out; it keeps no link.
@@ -101,16 +109,20 @@ class Path {
         return behind->getEnd() > key;
     }
 
-    // From the last promoted node that ends at or before `key`; without one, from the start.
-    void walkTo(long long key, Node* promoted) {
-        if (promoted == nullptr) {
+    // From the last node with a signpost that ends at or before `key`; without one, from the start.
+    // Whether it is promoted is not asked before somebody needs to know: it lies in another line of
+    // the cache.
+    void walkTo(long long key, Node* signposted) {
+        if (signposted == nullptr) {
             reset();
         } else {
-            entry(0) = entry(1) = promoted;
-            known = 2;
+            entry(0) = guide = signposted;
+            known = 1;
+            walked = 0;
         }
         for (Node* behind = next().get(); behind->getEnd() <= key && behind != &tail;) {
             entry(0) = behind;
+            ++walked;
             behind = next().get();
         }
     }
@@ -119,6 +131,11 @@ class Path {
     // order, but not ends.
     void require(int level) {
         if (level < known) return;
+        if (known == 1 && guide->getLevel() > 0) {
+            entry(1) = guide;
+            known = 2;
+            if (level == 1) return;
+        }
         const long long start = last().getOffset();
         descend(
             head, tail, top, known, [=](const Node& node) { return node.getOffset() <= start; },
@@ -130,5 +147,7 @@ class Path {
     const Node& tail;
     std::vector<Node*> lasts;
     int known = 0;
+    Node* guide = nullptr;  // while the place is known at level 0 only
+    int walked = 0;
     int top = 0;  // no node was above it when the path was led to the place
 };

@@ -37,6 +37,7 @@ std::size_t countUpTo(const std::array<long long, size>& starts, long long key) 
 }  // namespace
 
 int Signposts::fewestRanges = 128;
+int Signposts::longestWalk = 8;
 std::size_t Signposts::entriesPerChunk = Chunk::mostEntries;
 
 // --- Chunk ---------------------------------------------------------------------------------------
@@ -70,8 +71,11 @@ void Signposts::Chunk::moveTail(std::size_t from, Chunk& to) {
 void Signposts::build(const Node& head, const Node& tail) noexcept {
     try {
         chunks.push_back(std::make_unique<Chunk>());
-        for (Node* node = head.linked(1).get(); node != &tail; node = node->linked(1).get()) {
-            insert(*node);
+        int walk = 0;
+        for (Node* node = head.linked(0).get(); node != &tail; node = node->linked(0).get()) {
+            node->hasSignpost = isWanted(*node, walk);
+            if (node->hasSignpost) insert(*node);
+            walk = node->hasSignpost ? 0 : walk + 1;
         }
     } catch (const std::bad_alloc&) {
         clear();
@@ -113,8 +117,9 @@ Node* Signposts::lastEndingBy(long long key) const {
 
 // --- Changes -------------------------------------------------------------------------------------
 
-void Signposts::add(Node& node) noexcept {
-    if (!concerns(node)) return;
+void Signposts::add(Node& node, int walk) noexcept {
+    if (!isWanted(node, walk) || !isOn()) return;
+    node.hasSignpost = true;
     try {
         insert(node);
     } catch (const std::bad_alloc&) {
@@ -180,7 +185,13 @@ void Signposts::joinIfSmall(std::size_t chunk) {
 }
 
 bool Signposts::agreesWith(const Node& head, const Node& tail) const {
-    const Node* node = head.linked(1).get();
+    const auto nextWithSignpost = [&tail](const Node* node) {
+        do {
+            node = node->linked(0).get();
+        } while (node != &tail && node->getLevel() == 0 && !node->hasSignpost);
+        return node;
+    };
+    const Node* node = nextWithSignpost(&head);
     for (std::size_t i = 0; i < chunks.size(); ++i) {
         const Chunk& chunk = *chunks[i];
         if (chunk.count == 0 && chunks.size() > 1) return false;
@@ -190,9 +201,9 @@ bool Signposts::agreesWith(const Node& head, const Node& tail) const {
             return false;
         }
         for (std::size_t entry = 0; entry < chunk.count; ++entry) {
-            if (chunk.nodes[entry] != node || chunk.starts[entry] != node->getOffset())
-                return false;
-            node = node->linked(1).get();
+            if (chunk.nodes[entry] != node || !node->hasSignpost) return false;
+            if (chunk.starts[entry] != node->getOffset()) return false;
+            node = nextWithSignpost(node);
         }
     }
     return node == &tail && bounds.size() + 1 == chunks.size();

@@ -118,8 +118,8 @@ Node* SkipList::firstEndingAfter(long long key) const {
 // For who needs a reference, which only a link can give.
 const std::shared_ptr<Node>& SkipList::linkToFirstEndingAfter(long long key) const {
     if (!signposts.isOn()) return descend(head, *tail, key, topLevel, [](int, const auto&) {});
-    const Node* promoted = signposts.lastEndingBy(key);
-    const std::shared_ptr<Node>* link = &(promoted != nullptr ? promoted : head.get())->linked(0);
+    const Node* guide = signposts.lastEndingBy(key);
+    const std::shared_ptr<Node>* link = &(guide != nullptr ? guide : head.get())->linked(0);
     while ((*link)->getEnd() <= key && *link != tail) link = &(*link)->linked(0);
     return *link;
 }
@@ -501,11 +501,11 @@ void SkipList::link(Node::Arr& predecessors, Node::Arr& successors, Node::List& 
     // The path may lead over nodes that are about to go, and signposts to them.
     path.reset();
     if (signposts.isOn()) {
-        for (const Node* node = Node::at(*predecessors, 0)->next(0).get();
+        for (Node* node = Node::at(*predecessors, 0)->next(0).get();
              node != Node::at(*successors, 0).get(); node = node->next(0).get()) {
             signposts.drop(*node);
         }
-        for (const auto& node : *newNodes) signposts.add(*node);
+        for (const auto& node : *newNodes) signposts.add(*node, 0);
     }
     newNodes->back()->next(0) = Node::at(*successors, 0);
     int linked = 0;  // levels whose predecessor points to a new node by now

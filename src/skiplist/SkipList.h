@@ -90,7 +90,7 @@ class SkipList {
                               const std::unique_ptr<Index>& oldIndex,
                               const std::unique_ptr<Data>& oldData) const;
 
-    // Whether the signposts name the promoted nodes and no others, or are off. For tests.
+    // Whether the signposts name the nodes that they should and no others, or are off. For tests.
     bool signpostsAgree() const { return !signposts.isOn() || signposts.agreesWith(*head, *tail); }
 
     // --- Changes: each invalidates the handles of the nodes that it replaces. ---

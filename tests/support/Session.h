@@ -74,5 +74,6 @@ class Session {
     // Signposts for maps of a few ranges, in chunks of a few nodes, or none.
     Setting<int> fewestRanges;
     Setting<std::size_t> entriesPerChunk{Signposts::entriesPerChunk, 4};
+    Setting<int> longestWalk{Signposts::longestWalk, 2};
     std::array<Pair, 2> pairs;
 };

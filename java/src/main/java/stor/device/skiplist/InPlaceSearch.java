@@ -30,7 +30,20 @@ final class InPlaceSearch {
     /** Gives the last range that begins at or before a position, or the node before the first. */
     static long lastStartingBy(long map, long position) {
         long start = Math.min(position, LAST_START);
-        long node = nearStartingBy(map, start);
+        return walk(nearStartingBy(map, start), start);
+    }
+
+    /** Gives the last range, or the node before the first. */
+    static long last(long map) {
+        int chunks = NativeLayout.chunkCount(map);
+        return chunks == 0
+                ? byLinks(map, LAST_START)
+                : walk(lastSignpost(map, chunks), LAST_START);
+    }
+
+    /** Goes on to the last node that begins at or before a start, as the first one does. */
+    private static long walk(long from, long start) {
+        long node = from;
         long next = NativeLayout.next(node, 0);
         while (NativeLayout.offset(next) <= start) {
             node = next;
@@ -72,14 +85,18 @@ final class InPlaceSearch {
         int index = countUpTo(NativeLayout.bounds(map), chunks - 1, start);
         long chunk = NativeLayout.chunk(map, index);
         int before = countUpTo(NativeLayout.starts(chunk), NativeLayout.CHUNK_PLACES - 1, start);
-        if (before > 0) {
-            return NativeLayout.node(chunk, before - 1);
-        }
-        if (index == 0) {
+        return before > 0 ? NativeLayout.node(chunk, before - 1) : lastSignpost(map, index);
+    }
+
+    /** Gives the last node in a number of chunks, or the node before the first range. */
+    private static long lastSignpost(long map, int chunks) {
+        if (chunks == 0) {
             return NativeLayout.head(map);
         }
-        long previous = NativeLayout.chunk(map, index - 1);
-        return NativeLayout.node(previous, NativeLayout.nodeCount(previous) - 1);
+        long chunk = NativeLayout.chunk(map, chunks - 1);
+        int count = NativeLayout.nodeCount(chunk);
+        // Where there is one chunk only, it may be empty.
+        return count == 0 ? NativeLayout.head(map) : NativeLayout.node(chunk, count - 1);
     }
 
     /** Counts those of a number of ascending starts that are at most a key. */

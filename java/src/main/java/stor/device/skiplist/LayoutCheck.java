@@ -6,7 +6,7 @@ final class LayoutCheck {
     private static final int STRIDE = 16;
     /** So few that they have no signposts. */
     private static final int FEW = 40;
-    /** So many that the signposts have two chunks: one in four is promoted, 255 fit into one. */
+    /** So many that the signposts have a few chunks: one in four has one, 127 fit into a chunk. */
     private static final int MANY = 1400;
     /** How far apart the positions are that are searched; meets all places in a range. */
     private static final int STEP = 37;
@@ -80,7 +80,7 @@ final class LayoutCheck {
     }
 
     private static boolean searchesAgree(long map, int size) {
-        boolean same = true;
+        boolean same = NativeLayout.next(InPlaceSearch.last(map), 0) == NativeLayout.tail(map);
         for (long position = -21L * STRIDE; same && position < (size - 19L) * STRIDE;
                 position += STEP) {
             long found = JniSkipListNative.getNodes(map, position, 0)[0];

@@ -102,11 +102,21 @@ final class MapSearch {
         return stored;
     }
 
+    /** Gives the last range, or the end mark. */
+    static long last(long handle) {
+        return NativeLayout.IS_TRUSTED
+                ? orEndMark(handle, InPlaceSearch.last(handle))
+                : floor(handle, Long.MAX_VALUE);
+    }
+
+    private static long orEndMark(long handle, long node) {
+        return node == NativeLayout.head(handle) ? endMark(handle) : node;
+    }
+
     /** Gives the last range that starts at or before a position, or the end mark. */
     static long floor(long handle, long position) {
         if (NativeLayout.IS_TRUSTED) {
-            long last = InPlaceSearch.lastStartingBy(handle, position);
-            return last == NativeLayout.head(handle) ? endMark(handle) : last;
+            return orEndMark(handle, InPlaceSearch.lastStartingBy(handle, position));
         }
         // The end mark starts at the last position of all.
         long start = Math.min(position, Long.MAX_VALUE - 1);

@@ -6,7 +6,7 @@ package stor.device.skiplist;
  * <pre>
  *   map    head ... tail ... topLevel ... bounds, chunks of the signposts
  *   bounds the first start of each chunk but the first, ascending
- *   chunk  count | 256 starts, ascending | the nodes that begin there
+ *   chunk  count | 128 starts, ascending | the nodes that begin there
  *   node   ... | location | start, length | link 0 | link 1 ...
  * </pre>
  *
@@ -34,14 +34,14 @@ final class NativeLayout {
     private static final int MAP_HEAD = 56;
     private static final int MAP_TAIL = 72;
     private static final int MAP_TOP_LEVEL = 664;
-    private static final int MAP_BOUNDS = 720;
-    private static final int MAP_CHUNKS = 744;
+    private static final int MAP_BOUNDS = 736;
+    private static final int MAP_CHUNKS = 760;
 
     private static final int CHUNK_COUNT = 0;
     private static final int CHUNK_STARTS = 8;
-    private static final int CHUNK_NODES = 2056;
+    private static final int CHUNK_NODES = 1032;
     /** The places of a chunk. Where there is no node, the start is the last position of all. */
-    static final int CHUNK_PLACES = 256;
+    static final int CHUNK_PLACES = 128;
 
     private static final int NODE_TYPE = 56;
     private static final int NODE_FILE_NUMBER = 57;

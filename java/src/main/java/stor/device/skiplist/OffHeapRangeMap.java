@@ -874,7 +874,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
     public Optional<MappedRange> last() {
         guard.enter("last", Access.QUERY);
         try {
-            return storedUpTo(MapSearch.floor(nativeMap.handle(), Long.MAX_VALUE));
+            return storedUpTo(MapSearch.last(nativeMap.handle()));
         } finally {
             guard.leave(Access.QUERY);
         }
