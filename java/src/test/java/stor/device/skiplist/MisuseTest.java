@@ -186,6 +186,11 @@ class MisuseTest {
                 concurrent(stale, map -> keep(map).isMemoryType()),
                 concurrent(stale, map -> visit(map, range -> InThread.join(
                         InThread.start(range::isMemoryType)))),
+                concurrent("clear: MAP: called while it is being visited (expected: after the visit)",
+                        map -> visit(map, range -> withOther(map, (it, other) -> {
+                            other.insert(0, LENGTH, AT);
+                            visit(other, inner -> it.clear());
+                        }))),
                 new Misuse("enough", IllegalStateException.class, map -> visit(map, range -> {
                     throw new IllegalStateException("enough");
                 })),

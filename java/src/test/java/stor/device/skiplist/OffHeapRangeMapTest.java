@@ -50,9 +50,11 @@ class OffHeapRangeMapTest {
                             map.last())
                             .map(range -> range.orElseThrow().offset()).toList());
             for (Optional<MappedRange> none : List.of(map.get(last + 1), map.get(last),
-                    map.lower(first), map.ceiling(last + 1), map.higher(last + 1), map.higher(last - 8))) {
+                    map.lower(first), map.lower(first - 1), map.ceiling(last + 1),
+                    map.higher(last + 1), map.higher(last - 8))) {
                 assertEquals(Optional.empty(), none);
             }
+            assertEquals(8, map.remove(last - 8, 8));
         }
     }
 
