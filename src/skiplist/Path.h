@@ -90,6 +90,7 @@ class Path {
         } else {
             descend(head, tail, key, top, [this](int i, const auto& x) { entry(i) = x.get(); });
             known = height();
+            walked = 0;
         }
     }
 

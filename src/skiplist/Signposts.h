@@ -8,7 +8,8 @@
 //
 // The skip list's links are the truth, and this says where to begin with them. A search that goes
 // down the links reads some four keys a level, each from memory in a large map. Here it reads a few
-// runs of adjacent starts, and then on average three nodes, seldom more than eight.
+// runs of adjacent starts, and then on average three nodes; in a map that is not filled downwards
+// seldom more than eight.
 //
 // Invariants
 //   (1) While it is on, it holds every promoted node of the map, and besides them only nodes that

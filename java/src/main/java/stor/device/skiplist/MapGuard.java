@@ -2,6 +2,7 @@ package stor.device.skiplist;
 
 import java.lang.ref.Reference;
 import java.util.ConcurrentModificationException;
+import java.util.List;
 
 /**
  * The one way into a map and out of it: every call enters with what it is about to do, and leaves
@@ -17,6 +18,9 @@ import java.util.ConcurrentModificationException;
  */
 final class MapGuard {
     private static final int CHANGES_BETWEEN_SWEEPS = 256;
+    /** How often a copy looks whether it can enter its other map: for microseconds at first, then ms. */
+    private static final int FEWEST_LOOKS = 256;
+    private static final int MOST_LOOKS = 1 << 20;
     /**
      * The visits that each thread is inside: an array of one, the innermost. Its class keeps no
      * class loader of ours as long as the thread lives.
@@ -107,8 +111,10 @@ final class MapGuard {
         StackReserve.require();
         // What this thread is in already tells at once, without a wait for the other.
         destination.requireUnvisited(operation);
-        if (destination.lock.isAlone()) {
-            destination.requireReadable(operation);
+        for (MapGuard guard : List.of(source, destination)) {
+            if (guard.lock.isAlone()) {
+                guard.requireReadable(operation);
+            }
         }
         if (source.isVisitedByThisThread()) {
             enterInTurn(operation, source, Access.VISIT, destination);
@@ -142,7 +148,9 @@ final class MapGuard {
         SharedLock first = one;
         SharedLock second = other;
         first.enterAlone();
-        while (!second.tryEnterAlone()) {
+        // Each time for longer, since those who are in may stay: until it outlasts a usual walk.
+        for (int looks = FEWEST_LOOKS; !second.tryEnterAlone(looks);
+                looks = Math.min(2 * looks, MOST_LOOKS)) {
             first.leaveAlone();
             SharedLock awaited = second;
             second = first;

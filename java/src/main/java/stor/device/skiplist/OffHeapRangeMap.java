@@ -83,8 +83,9 @@ import stor.device.skiplist.MapGuard.Access;
  *
  * <p>Any thread may call any method at any time, virtual threads included. Queries and walks of one
  * map run side by side; a change, {@link #atomically(Runnable)}, {@link #copyTo} in both its maps,
- * and {@link #close} wait for those in progress and are alone in the map meanwhile. Whoever waits
- * for that is not kept waiting by queries that come later.
+ * and {@link #close} wait for those in progress and are alone in the map meanwhile. Queries that
+ * come while one of them waits for those in progress let it go first. Where several wait, queries
+ * may come in between two of them.
  *
  * <p>A visitor may query the map that it visits, and copy it to another one, but an attempt to
  * change or close that map, like one from inside a callback of a buffer, throws a
@@ -381,6 +382,9 @@ public final class OffHeapRangeMap implements AutoCloseable {
             long old = nativeMap.handle();
             try {
                 nativeMap.renew();
+            } catch (OutOfMemoryError e) {
+                guard.sweepBeforeNextChange();
+                throw e;
             } finally {
                 if (nativeMap.handle() != old) {
                     fusions = fresh;
@@ -1251,10 +1255,15 @@ public final class OffHeapRangeMap implements AutoCloseable {
         if (fusions.noteInserts(offset, len, replacement)) {
             return redirectChecked(operation, offset, len, expected, replacement);
         }
-        return JniSkipListNative.compareAndSet(nativeMap.handle(), offset, len,
-                expected.offset(), expected.majorVer(), expected.minorVer(),
-                (byte) expected.number(), replacement.offset(), replacement.majorVer(),
-                replacement.minorVer(), (byte) replacement.number());
+        try {
+            return JniSkipListNative.compareAndSet(nativeMap.handle(), offset, len,
+                    expected.offset(), expected.majorVer(), expected.minorVer(),
+                    (byte) expected.number(), replacement.offset(), replacement.majorVer(),
+                    replacement.minorVer(), (byte) replacement.number());
+        } catch (OutOfMemoryError e) {
+            guard.sweepBeforeNextChange();
+            throw e;
+        }
     }
 
     /** As the native compareAndSet, with a look at what each part is joined to. */
@@ -1324,6 +1333,9 @@ public final class OffHeapRangeMap implements AutoCloseable {
         } catch (RuntimeException e) {
             throw StoredSlices.explain(
                     e, null, MapSearch.first(nativeMap.handle()), Long.MAX_VALUE);
+        } catch (OutOfMemoryError e) {
+            destination.guard.sweepBeforeNextChange();
+            throw e;
         }
     }
 

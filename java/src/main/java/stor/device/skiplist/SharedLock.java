@@ -7,16 +7,16 @@ import java.util.concurrent.locks.ReentrantLock;
 /**
  * Lets any number of threads share something, or one have it alone.
  *
- * <p>Sharers count themselves in, each thread at a place of its own: so they meet in no line of the
- * cache while nobody wants to be alone. Who does takes his turn, which closes the way in, and waits
- * until the counts are 0. Meanwhile newcomers wait for a turn, too: sharers do not keep others from
- * being alone, however many there are. Nobody needs a carrier thread while he waits.
+ * <p>Sharers count themselves in, spread over places by their threads: so they seldom meet in a line
+ * of the cache while nobody wants to be alone. Who does takes his turn, which closes the way in, and
+ * waits until the counts are 0. Meanwhile newcomers wait for a turn, too: sharers do not keep others
+ * from being alone, however many there are. Nobody needs a carrier thread while he waits.
  *
  * <p>A thread may enter again what it is in, and share what it has alone. Who shares only must not
  * ask to be alone: he would wait for himself.
  *
  * <p>Costs a sharer two atomic additions, and a lock 16 bytes of counts; 128 bytes for each of some
- * four places a processor once two threads have met in it.
+ * four places a processor once two have shared it at a time.
  */
 final class SharedLock {
     private static final int MOST_PLACES = 64;
@@ -75,8 +75,7 @@ final class SharedLock {
     }
 
     void leaveShared() {
-        countOut(sharers);
-        if (crowded) {
+        if (countOut(sharers) == 0 && crowded) {
             spread();
         }
     }
@@ -84,17 +83,21 @@ final class SharedLock {
     /** Enters to be alone. */
     void enterAlone() {
         turn.lock();
-        if (turn.getHoldCount() == 1) {
-            awaitEmpty();
+        boolean entered = false;
+        try {
+            if (turn.getHoldCount() == 1) {
+                awaitEmpty();
+            }
+            entered = true;
+        } finally {
+            if (!entered) {
+                turn.unlock();
+            }
         }
     }
 
-    /** Enters to be alone if that is so at once, or nearly; tells whether it is. */
-    boolean tryEnterAlone() {
-        return tryEnterAlone(LOOKS);
-    }
-
-    private boolean tryEnterAlone(int looks) {
+    /** Enters to be alone if that is so after a number of looks; tells whether it is. */
+    boolean tryEnterAlone(int looks) {
         if (!turn.tryLock()) {
             return false;
         }
@@ -124,18 +127,22 @@ final class SharedLock {
         return counts.getAndIncrement(placeOfThread(counts));
     }
 
-    private void countOut(AtomicLongArray counts) {
-        counts.getAndDecrement(placeOfThread(counts));
+    private long countOut(AtomicLongArray counts) {
+        long others = counts.decrementAndGet(placeOfThread(counts));
         Thread sleeper = waiting;
         if (sleeper != null) {
             LockSupport.unpark(sleeper);
         }
+        return others;
     }
 
-    /** Spreads the threads with the golden ratio: those made one after another are far apart. */
+    /**
+     * Spreads the threads with the golden ratio: those made one after another are far apart. The
+     * first place is left out: before it lies the length, which all read.
+     */
     private static int placeOfThread(AtomicLongArray counts) {
         return counts.length() == 1 ? 0
-                : (int) (Thread.currentThread().getId() * 0x9E3779B97F4A7C15L >>> HASH_SHIFT)
+                : (int) (1 + (Thread.currentThread().getId() * 0x9E3779B97F4A7C15L >>> HASH_SHIFT))
                         * LONGS_PER_PLACE;
     }
 
@@ -158,13 +165,16 @@ final class SharedLock {
         }
         boolean interrupted = false;
         waiting = Thread.currentThread();
-        while (!isEmpty()) {
-            LockSupport.park(this);
-            interrupted |= Thread.interrupted();
-        }
-        waiting = null;
-        if (interrupted) {
-            Thread.currentThread().interrupt();
+        try {
+            while (!isEmpty()) {
+                LockSupport.park(this);
+                interrupted |= Thread.interrupted();
+            }
+        } finally {
+            waiting = null;
+            if (interrupted) {
+                Thread.currentThread().interrupt();
+            }
         }
     }
 
@@ -173,7 +183,7 @@ final class SharedLock {
         if (tryEnterAlone(1)) {
             try {
                 if (turn.getHoldCount() == 1) {
-                    sharers = new AtomicLongArray(PLACES * LONGS_PER_PLACE);
+                    sharers = new AtomicLongArray((1 + PLACES) * LONGS_PER_PLACE);
                 }
             } catch (OutOfMemoryError e) {
                 // One place serves as well, though not as fast.

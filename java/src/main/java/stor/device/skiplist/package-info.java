@@ -29,10 +29,10 @@
  *
  * <h2>Threads</h2>
  *
- * <p>Queries of a map run at once; changes are alone in it, and come before queries that are asked
- * after them. Different maps have nothing to do with each other. Platform and virtual threads may be mixed. A virtual thread that
- * waits for a map gives its carrier up, one that is inside a native call keeps it.
- * {@code NativeMemory} may be used by any thread.
+ * <p>Queries of a map run at once; changes are alone in it, and queries that come while one waits
+ * for those in progress let it go first. Different maps have nothing to do with each other. Platform
+ * and virtual threads may be mixed. A virtual thread that waits for a map gives its carrier up, one
+ * that is inside a native call keeps it. {@code NativeMemory} may be used by any thread.
  *
  * <h2>Exceptions</h2>
  *

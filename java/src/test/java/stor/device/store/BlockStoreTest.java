@@ -449,13 +449,14 @@ class BlockStoreTest {
         } finally {
             Locale.setDefault(usual);
         }
-        Files.createFile(folder.resolve("segment-0000000"));
+        Path stray = Files.createFile(folder.resolve("segment-0000000"));
         int open = new File("/proc/self/fd").list().length;
         assertTrue(store.stats().segments() > 300);
         store.close();
         int left = new File("/proc/self/fd").list().length;
         assertTrue(open - left < 150, (open - left) + " files of the store");
         open(new FolderDisk(folder), 1 << 20);
+        assertTrue(Files.exists(stray));
         model.check(store::read);
         write(0, SECTORS);
         store.close();
