@@ -58,6 +58,31 @@ class OffHeapRangeMapTest {
         }
     }
 
+    /** Each cut inside a sector, joined again, moves what follows by 8 bytes in its file. */
+    @Test
+    void rangesThatBuffersMoveInTheirFileAreNotJoinedTooLong() {
+        int sector = 1 << 29;
+        long second = sector;
+        long third = 2L * sector;
+        ByteBuf one = Unpooled.wrappedBuffer(new byte[1]);
+        try (OffHeapRangeMap map = OffHeapRangeMap.createUnaligned(4, sector)) {
+            int inFile = 2 * sector - 17;
+            map.insert(third, 2 * sector, new FileLocation(1, inFile, 1, 1));
+            for (int i = 0; i < 5; i++, inFile += 8) {
+                FileLocation before = new FileLocation(1, inFile - sector, 1, 1);
+                map.insert(second, sector, before);
+                map.insert(second, 1, AT, one);
+                map.insert(third, sector, new FileLocation(1, inFile, 1, 1));
+                map.insert(second, sector, before);
+                map.insert(third - 1, 1, AT, one);
+            }
+            map.insert(second, sector, new FileLocation(1, inFile - sector - 8, 1, 1));
+            FileLocation first = new FileLocation(1, inFile - 2 * sector - 16, 1, 1);
+            assertThrows(IllegalArgumentException.class, () -> map.insert(0, 2 * sector, first));
+            map.checkInvariants();
+        }
+    }
+
     /** Otherwise all tests are of the queries by native methods, which one has for itself. */
     @Test
     void nativeMemoryIsReadInPlace() {
