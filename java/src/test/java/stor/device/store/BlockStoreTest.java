@@ -22,6 +22,9 @@ import java.util.Arrays;
 import java.util.List;
 import java.util.Locale;
 import java.util.Random;
+import java.util.concurrent.FutureTask;
+import java.util.concurrent.TimeUnit;
+import java.util.concurrent.TimeoutException;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
@@ -81,6 +84,23 @@ class BlockStoreTest {
             store.compact();
             model.check(store::read);
         }
+    }
+
+    @Test
+    void closeWaitsForReads() throws Exception {
+        open(disk, 1 << 20);
+        write(0, 1);
+        store.flush();
+        FutureTask<Void> closing = new FutureTask<>(() -> {
+            store.close();
+            return null;
+        });
+        disk.onNextRead(() -> {
+            new Thread(closing).start();
+            assertThrows(TimeoutException.class, () -> closing.get(100, TimeUnit.MILLISECONDS));
+        });
+        store.read(0, SECTOR);
+        closing.get();
     }
 
     @Test

@@ -16,6 +16,7 @@ final class FaultyDisk implements Disk {
     private long death = Long.MAX_VALUE;
     private volatile boolean refused;
     private long steps;
+    private volatile Runnable onRead = () -> { };
 
     FaultyDisk(Disk disk) {
         this.disk = disk;
@@ -41,6 +42,14 @@ final class FaultyDisk implements Disk {
     /** Tells whether it was ever full or has ever failed. */
     boolean hasRefused() {
         return refused;
+    }
+
+    /** Has something done at the next read, before it. */
+    void onNextRead(Runnable action) {
+        onRead = () -> {
+            onRead = () -> { };
+            action.run();
+        };
     }
 
     void setCapacity(long bytes) {
@@ -166,6 +175,7 @@ final class FaultyDisk implements Disk {
 
         @Override
         public void read(ByteBuffer bytes, long position) throws IOException {
+            onRead.run();
             file.read(bytes, position);
         }
 
