@@ -346,7 +346,7 @@ class BlockStoreTest {
         discard(0, SECTORS);
     }
 
-    /** Also for other class loaders and processes, and when the lock file has been read. */
+    /** Also for other class loaders and processes, and when the lock file was read or deleted. */
     @Test
     void aFolderIsForOneStore(@TempDir Path folder) throws Exception {
         open(new FolderDisk(folder), 1 << 20);
@@ -372,6 +372,8 @@ class BlockStoreTest {
             String said = new String(other.getErrorStream().readAllBytes(), UTF_8);
             assertTrue(said.contains(holder), said);
         }
+        Files.delete(folder.resolve(FolderLock.NAME));
+        assertThrows(IOException.class, () -> new FolderDisk(folder));
         store.close();
         StoreStorm.requireNoneOpen(folder);
         open(disk, 1 << 20);
