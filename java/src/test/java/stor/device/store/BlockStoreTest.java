@@ -87,20 +87,27 @@ class BlockStoreTest {
     }
 
     @Test
-    void closeWaitsForReads() throws Exception {
-        open(disk, 1 << 20);
-        write(0, 1);
-        store.flush();
+    void closeWaitsForReads(@TempDir Path folder) throws Exception {
+        FaultyDisk files = new FaultyDisk(new FolderDisk(folder));
+        open(files, 1 << 20);
+        // The files that are read last are the first ones.
+        for (int first : new int[] {SECTORS / 2, 0}) {
+            write(first, SECTORS / 2);
+            store.flush();
+        }
         FutureTask<Void> closing = new FutureTask<>(() -> {
             store.close();
             return null;
         });
-        disk.onNextRead(() -> {
+        files.onNextRead(() -> {
             new Thread(closing).start();
             assertThrows(TimeoutException.class, () -> closing.get(100, TimeUnit.MILLISECONDS));
         });
-        store.read(0, SECTOR);
+        model.check(store::read);
         closing.get();
+        StoreStorm.requireNoneOpen(folder);
+        open(disk, 1 << 20);
+        write(0, SECTORS);
     }
 
     @Test
