@@ -202,6 +202,10 @@ class MisuseTest {
                             ByteBuf buffer = Unpooled.wrappedBuffer(new byte[LENGTH]);
                             map.insert(3L * LENGTH, LENGTH, AT, buffer);
                             buffer.release(2);
+                            assertEquals("buffer of " + map.last().orElseThrow(), assertThrows(
+                                    IllegalReferenceCountException.class,
+                                    () -> visit(map, range -> range.buffer()))
+                                    .getMessage().replaceFirst(": reference count 0, .*", ""));
                             // Completes all the same.
                             map.release();
                         }));

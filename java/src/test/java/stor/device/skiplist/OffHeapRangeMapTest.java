@@ -66,6 +66,8 @@ class OffHeapRangeMapTest {
         long third = 2L * sector;
         ByteBuf one = Unpooled.wrappedBuffer(new byte[1]);
         try (OffHeapRangeMap map = OffHeapRangeMap.createUnaligned(4, sector)) {
+            map.insert(Long.MIN_VALUE + sector, sector, AT);
+            map.insert(Long.MAX_VALUE - third + 1, sector, AT);
             int inFile = 2 * sector - 17;
             map.insert(third, 2 * sector, new FileLocation(1, inFile, 1, 1));
             for (int i = 0; i < 5; i++, inFile += 8) {
