@@ -58,6 +58,28 @@ class OffHeapRangeMapTest {
         }
     }
 
+    @Test
+    void emptyRangesThatCopiesBringAreNotJoinedTooLong() {
+        int most = Integer.MAX_VALUE / SECTOR * SECTOR;
+        try (OffHeapRangeMap one = OffHeapRangeMap.create(4, SECTOR);
+                OffHeapRangeMap other = OffHeapRangeMap.create(4, SECTOR)) {
+            one.insert(0, most, FileLocation.EMPTY);
+            other.insert(SECTOR - most, most, FileLocation.EMPTY);
+            one.copyTo(map);
+            assertThrows(IllegalArgumentException.class, () -> other.copyTo(map));
+            map.checkInvariants();
+        }
+    }
+
+    @Test
+    void sectorsMayHaveAnyLength() {
+        try (OffHeapRangeMap odd = OffHeapRangeMap.create(4, 500)) {
+            odd.insert(500, 1000, AT);
+            assertThrows(IllegalArgumentException.class, () -> odd.insert(500, 100, AT));
+            assertThrows(IllegalArgumentException.class, () -> odd.insert(100, 500, AT));
+        }
+    }
+
     /** Each cut inside a sector, joined again, moves what follows by 8 bytes in its file. */
     @Test
     void rangesThatBuffersMoveInTheirFileAreNotJoinedTooLong() {
