@@ -85,12 +85,12 @@ class Path {
     void leadTo(long long key, const Signposts& signposts, int mapTop, bool isOrdered) {
         if (isOrdered && isNearby(key)) return;
         top = mapTop;
+        walked = 0;
         if (signposts.isOn()) {
             walkTo(key, signposts.lastEndingBy(key));
         } else {
             descend(head, tail, key, top, [this](int i, const auto& x) { entry(i) = x.get(); });
             known = height();
-            walked = 0;
         }
     }
 
@@ -119,7 +119,6 @@ class Path {
         } else {
             entry(0) = guide = signposted;
             known = 1;
-            walked = 0;
         }
         for (Node* behind = next().get(); behind->getEnd() <= key && behind != &tail;) {
             entry(0) = behind;

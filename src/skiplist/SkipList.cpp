@@ -501,7 +501,7 @@ void SkipList::link(Node::Arr& predecessors, Node::Arr& successors, Node::List& 
     // The path may lead over nodes that are about to go, and signposts to them.
     path.reset();
     if (signposts.isOn()) {
-        for (Node* node = Node::at(*predecessors, 0)->next(0).get();
+        for (const Node* node = Node::at(*predecessors, 0)->next(0).get();
              node != Node::at(*successors, 0).get(); node = node->next(0).get()) {
             signposts.drop(*node);
         }

@@ -18,8 +18,7 @@ import java.util.List;
  */
 final class MapGuard {
     private static final int CHANGES_BETWEEN_SWEEPS = 256;
-    /** How often a copy looks whether it can enter its other map: for microseconds at first, then ms. */
-    private static final int FEWEST_LOOKS = 256;
+    /** How often a copy looks at most, for some ten milliseconds, whether it can enter a map. */
     private static final int MOST_LOOKS = 1 << 20;
     /**
      * The visits that each thread is inside: an array of one, the innermost. Its class keeps no
@@ -149,7 +148,7 @@ final class MapGuard {
         SharedLock second = other;
         first.enterAlone();
         // Each time for longer, since those who are in may stay: until it outlasts a usual walk.
-        for (int looks = FEWEST_LOOKS; !second.tryEnterAlone(looks);
+        for (int looks = SharedLock.LOOKS; !second.tryEnterAlone(looks);
                 looks = Math.min(2 * looks, MOST_LOOKS)) {
             first.leaveAlone();
             SharedLock awaited = second;
@@ -240,9 +239,14 @@ final class MapGuard {
         return visit != null;
     }
 
-    /** Lets the next change ask for a sweep, since memory was refused that may be free by then. */
-    void sweepBeforeNextChange() {
+    /**
+     * Lets the next change ask for a sweep, since memory was refused that may be free by then.
+     *
+     * @return the failure, to be thrown
+     */
+    OutOfMemoryError refused(OutOfMemoryError failure) {
         changesToSweep = 0;
+        return failure;
     }
 
     private void sweepNowAndThen() {

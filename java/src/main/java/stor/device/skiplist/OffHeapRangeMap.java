@@ -383,8 +383,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
             try {
                 nativeMap.renew();
             } catch (OutOfMemoryError e) {
-                guard.sweepBeforeNextChange();
-                throw e;
+                throw guard.refused(e);
             } finally {
                 if (nativeMap.handle() != old) {
                     fusions = fresh;
@@ -1149,8 +1148,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
         } catch (RuntimeException e) {
             throw explained(e, null, offset, len);
         } catch (OutOfMemoryError e) {
-            guard.sweepBeforeNextChange();
-            throw e;
+            throw guard.refused(e);
         }
     }
 
@@ -1165,8 +1163,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
         } catch (RuntimeException e) {
             throw explained(e, handed.thrown(), offset, len);
         } catch (OutOfMemoryError e) {
-            guard.sweepBeforeNextChange();
-            throw e;
+            throw guard.refused(e);
         } finally {
             handed.forget();
         }
@@ -1261,8 +1258,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
                     (byte) expected.number(), replacement.offset(), replacement.majorVer(),
                     replacement.minorVer(), (byte) replacement.number());
         } catch (OutOfMemoryError e) {
-            guard.sweepBeforeNextChange();
-            throw e;
+            throw guard.refused(e);
         }
     }
 
@@ -1334,8 +1330,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
             throw StoredSlices.explain(
                     e, null, MapSearch.first(nativeMap.handle()), Long.MAX_VALUE);
         } catch (OutOfMemoryError e) {
-            destination.guard.sweepBeforeNextChange();
-            throw e;
+            throw destination.guard.refused(e);
         }
     }
 

@@ -23,7 +23,7 @@ final class SharedLock {
     /** Two lines of the cache, since processors fetch them in pairs. */
     private static final int LONGS_PER_PLACE = 16;
     /** How often to look again before to sleep: longer than a query or a small change takes. */
-    private static final int LOOKS = 200;
+    static final int LOOKS = 200;
     private static final int PLACES = Math.min(MOST_PLACES,
             Integer.highestOneBit(4 * Runtime.getRuntime().availableProcessors()));
     private static final int HASH_SHIFT = Long.numberOfLeadingZeros(PLACES) + 1;
