@@ -43,7 +43,7 @@ TEST_F(Map, NeighboursFuseOnlyWhereFileAndDeviceRunTogether) {
     EXPECT_EQ(map.counters().rawCount, 4);
 }
 
-// A sector's end advances the file by eight bytes, and the first part of a join is what stays.
+// A sector's end advances the file by eight bytes.
 TEST_F(Map, ConditionalChangesSeeWhatLiesWhereExpected) {
     map.insert(inFile(0, 1024, 0));
     EXPECT_FALSE(map.compareAndSet(inFile(512, 256, 8), inFile(0, 0, 0, 5, 5, 7)));

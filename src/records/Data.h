@@ -2,7 +2,7 @@
 // a plain value, and as the record that a map stores.
 //
 // A file holds 8 bytes of its own after every sector of logical data, so a logical distance `d`
-// is a file distance of `d + d / sectorSize * 8`; `fileDistance` is the one place that says so.
+// is a file distance of `d + d / sectorSize * 8`; of native code `fileDistance` alone says so.
 //
 // Ownership: owns its `Buff`. Copying or slicing gives the new location a `Buff` of its own.
 // Accounting: a `Data` charges 32 bytes from any constructor to the destructor; a constructor

@@ -4,8 +4,8 @@ import io.netty.buffer.ByteBuf;
 import io.netty.util.IllegalReferenceCountException;
 
 /**
- * Reads the nodes of a map: the one place where their fields are read, in place where that is
- * possible, otherwise by the native methods.
+ * Reads the nodes of a map once they are found, in place where that is possible, otherwise by the
+ * native methods.
  *
  * <p>A node is an address that ends with the next change of its map. So the caller is inside the
  * map's guard, and no code of a stranger that might change the map runs between finding a node and
