@@ -2,6 +2,7 @@
 # for other processors, qemu-user-static. What is made lies in build/chroots.
 
 chroots=$PWD/build/chroots
+mirrors=()
 
 # need PACKAGE COMMAND...: ends the script unless the commands and root are there.
 need() {
@@ -19,14 +20,15 @@ need() {
     fi
 }
 
-# make_chroot NAME SUITE MMDEBSTRAP-OPTION...: makes a system anew.
+# make_chroot NAME SUITE MMDEBSTRAP-OPTION...: makes a system anew, of Debian unless the array
+# `mirrors` has other sources of packages.
 make_chroot() {
     local root=$chroots/$1 suite=$2
     shift 2
     echo "== making ${root#"$PWD"/} of $suite: $*"
     rm -rf --one-file-system "$root"
     mkdir -p "$chroots"
-    mmdebstrap --quiet "$@" "$suite" "$root"
+    mmdebstrap --quiet "$@" "$suite" "$root" "${mirrors[@]}"
     mkdir -p "$root"/{proc,sys,dev,tmp,root,checkout}
 }
 

@@ -9,11 +9,7 @@
 #include <dlfcn.h>
 #include <elf.h>
 #include <link.h>
-#include <pthread.h>
-#include <sched.h>
 
-#include <atomic>
-#include <cerrno>
 #include <cstdint>
 
 // The names and their parameters are the C library's.
@@ -25,59 +21,15 @@ extern "C" {
 extern const char __libc_single_threaded;
 constinit const char __libc_single_threaded = 0;
 
-// glibc 2.34, which moved it out of another library. The unwinder fills a table of constants by it.
-int pthread_once(pthread_once_t* control, void (*routine)()) {
-    constexpr int running = 1;
-    constexpr int done = 2;
-    std::atomic_ref<int> state(*control);
-    // Acquire pairs with the release below: who finds it done also finds what the routine wrote.
-    int seen = PTHREAD_ONCE_INIT;
-    if (state.compare_exchange_strong(seen, running, std::memory_order_acquire)) {
-        routine();
-        state.store(done, std::memory_order_release);
-        return 0;
-    }
-    while (state.load(std::memory_order_acquire) != done) sched_yield();
-    return 0;
-}
-
-// glibc 2.34. Only its address is read, to tell whether the process can have threads.
-int __pthread_key_create(pthread_key_t* /*key*/, void (* /*destructor*/)(void*)) {
-    return ENOSYS;
-}
-
-// glibc 2.34, which moved them as well: the versions from before, which every C library has. Weak:
-// a program that loads Java in an uncommon way may keep that other library to itself, and then
-// there are no keys.
-#ifdef __x86_64__
-#define FROM_THE_START(name) asm(".symver first_" #name "," #name "@GLIBC_2.2.5")
-#else
-#define FROM_THE_START(name) asm(".symver first_" #name "," #name "@GLIBC_2.17")
-#endif
-[[gnu::weak]] int first_pthread_key_create(pthread_key_t* key, void (*destructor)(void*));
-[[gnu::weak]] int first_pthread_key_delete(pthread_key_t key);
-[[gnu::weak]] int first_pthread_setspecific(pthread_key_t key, std::uintptr_t value);
-FROM_THE_START(pthread_key_create);
-FROM_THE_START(pthread_key_delete);
-FROM_THE_START(pthread_setspecific);
-
-int pthread_key_create(pthread_key_t* key, void (*destructor)(void*)) {
-    return first_pthread_key_create != nullptr ? first_pthread_key_create(key, destructor) : ENOSYS;
-}
-
-int pthread_key_delete(pthread_key_t key) {
-    return first_pthread_key_delete != nullptr ? first_pthread_key_delete(key) : ENOSYS;
-}
-
-int pthread_setspecific(pthread_key_t key, const void* value) {
-    if (first_pthread_setspecific == nullptr) return ENOSYS;
-    return first_pthread_setspecific(key, reinterpret_cast<std::uintptr_t>(value));
-}
-
 // glibc 2.38, for which newer compilers write strtoul: it reads binary numbers too. The runtime
-// reads sizes from a variable of the environment by it.
+// reads sizes from a variable of the environment by it. So here is strtoul, of the version that
+// every C library has.
 unsigned long first_strtoul(const char* text, char** end, int base);
-FROM_THE_START(strtoul);
+#ifdef __x86_64__
+asm(".symver first_strtoul,strtoul@GLIBC_2.2.5");
+#else
+asm(".symver first_strtoul,strtoul@GLIBC_2.17");
+#endif
 
 unsigned long __isoc23_strtoul(const char* text, char** end, int base) {
     return first_strtoul(text, end, base);
