@@ -1,8 +1,7 @@
-# Systems to test on, made from Debian packages: for scripts to source. Needs root, mmdebstrap and,
-# for other processors, qemu-user-static. What is made lies in build/chroots.
+# Systems to test on, made from packages of Debian and Ubuntu: for scripts to source. Needs root,
+# mmdebstrap and, for other processors, qemu-user-static. What is made lies in build/chroots.
 
 chroots=$PWD/build/chroots
-mirrors=()
 
 # need PACKAGE COMMAND...: ends the script unless the commands and root are there.
 need() {
@@ -20,15 +19,22 @@ need() {
     fi
 }
 
-# make_chroot NAME SUITE MMDEBSTRAP-OPTION...: makes a system anew, of Debian unless the array
-# `mirrors` has other sources of packages.
+# make_chroot NAME SUITE MMDEBSTRAP-OPTION...: makes a system anew, of Debian or of Ubuntu.
 make_chroot() {
-    local root=$chroots/$1 suite=$2
+    local root=$chroots/$1 suite=$2 pocket sources=()
     shift 2
+    if [[ $suite =~ ^(bionic|jammy|noble)$ ]]; then
+        # Debian has a package with Ubuntu's keys.
+        make_chroot ubuntu-keys trixie --variant=extract --include=ubuntu-archive-keyring
+        set -- "$@" --keyring="$chroots/ubuntu-keys/usr/share/keyrings/ubuntu-archive-keyring.gpg"
+        for pocket in "$suite"{,-updates,-security}; do
+            sources+=("deb http://archive.ubuntu.com/ubuntu $pocket main universe")
+        done
+    fi
     echo "== making ${root#"$PWD"/} of $suite: $*"
     rm -rf --one-file-system "$root"
     mkdir -p "$chroots"
-    mmdebstrap --quiet "$@" "$suite" "$root" "${mirrors[@]}"
+    mmdebstrap --quiet "$@" "$suite" "$root" "${sources[@]}"
     mkdir -p "$root"/{proc,sys,dev,tmp,root,checkout}
 }
 

@@ -23,7 +23,7 @@ too_new=$(awk -v oldest="$oldest_glibc" '
     version[1] > bound[1] || version[1] == bound[1] && version[2] + 0 > bound[2] + 0' <<<"$imported")
 # Of libpthread, libdl and librt, a part of libc.so.6 since 2.34, these few were there before.
 moved=$(awk '{ print $2 }' <<<"$imported" | grep -E '^_*(pthread_|sem_|dl(addr|close|error|open|sym)|shm_|timer_|mq_|aio_)' |
-    grep -vxE 'pthread_(self|mutex_(lock|unlock))' || true)
+    grep -vxE 'pthread_(self|mutex_(lock|unlock)|cond_(broadcast|signal|wait))' || true)
 
 echo "exported native methods: $count; others: ${others:-none}"
 echo "needed at run time: ${needed//$'\n'/ }"
