@@ -5,35 +5,35 @@
 
 namespace native {
 
-inline constexpr auto init = Java_stor_device_skiplist_JniSkipListNative_init;
-inline constexpr auto createSkipList = Java_stor_device_skiplist_JniSkipListNative_createSkipList;
-inline constexpr auto destorySkipList = Java_stor_device_skiplist_JniSkipListNative_destorySkipList;
-inline constexpr auto insert = Java_stor_device_skiplist_JniSkipListNative_insert;
-inline constexpr auto insertWithBuff = Java_stor_device_skiplist_JniSkipListNative_insertWithBuff;
-inline constexpr auto compareAndSet = Java_stor_device_skiplist_JniSkipListNative_compareAndSet;
-inline constexpr auto compareAndRelease =
+inline auto* const init = Java_stor_device_skiplist_JniSkipListNative_init;
+inline auto* const createSkipList = Java_stor_device_skiplist_JniSkipListNative_createSkipList;
+inline auto* const destorySkipList = Java_stor_device_skiplist_JniSkipListNative_destorySkipList;
+inline auto* const insert = Java_stor_device_skiplist_JniSkipListNative_insert;
+inline auto* const insertWithBuff = Java_stor_device_skiplist_JniSkipListNative_insertWithBuff;
+inline auto* const compareAndSet = Java_stor_device_skiplist_JniSkipListNative_compareAndSet;
+inline auto* const compareAndRelease =
     Java_stor_device_skiplist_JniSkipListNative_compareAndRelease;
-inline constexpr auto release = Java_stor_device_skiplist_JniSkipListNative_release;
-inline constexpr auto copySkipList = Java_stor_device_skiplist_JniSkipListNative_copySkipList;
-inline constexpr auto tryTest = Java_stor_device_skiplist_JniSkipListNative_tryTest;
-inline constexpr auto nextNode = Java_stor_device_skiplist_JniSkipListNative_nextNode;
-inline constexpr auto getNodeIndexOffset =
+inline auto* const release = Java_stor_device_skiplist_JniSkipListNative_release;
+inline auto* const copySkipList = Java_stor_device_skiplist_JniSkipListNative_copySkipList;
+inline auto* const tryTest = Java_stor_device_skiplist_JniSkipListNative_tryTest;
+inline auto* const nextNode = Java_stor_device_skiplist_JniSkipListNative_nextNode;
+inline auto* const getNodeIndexOffset =
     Java_stor_device_skiplist_JniSkipListNative_getNodeIndexOffset;
-inline constexpr auto getNodeIndexLen = Java_stor_device_skiplist_JniSkipListNative_getNodeIndexLen;
-inline constexpr auto getNodeFileType = Java_stor_device_skiplist_JniSkipListNative_getNodeFileType;
-inline constexpr auto getNodeFileOffset =
+inline auto* const getNodeIndexLen = Java_stor_device_skiplist_JniSkipListNative_getNodeIndexLen;
+inline auto* const getNodeFileType = Java_stor_device_skiplist_JniSkipListNative_getNodeFileType;
+inline auto* const getNodeFileOffset =
     Java_stor_device_skiplist_JniSkipListNative_getNodeFileOffset;
-inline constexpr auto getMajorVer = Java_stor_device_skiplist_JniSkipListNative_getNodeFileMajorVer;
-inline constexpr auto getMinorVer = Java_stor_device_skiplist_JniSkipListNative_getNodeFileMinorVer;
-inline constexpr auto getNodeFileNumber =
+inline auto* const getMajorVer = Java_stor_device_skiplist_JniSkipListNative_getNodeFileMajorVer;
+inline auto* const getMinorVer = Java_stor_device_skiplist_JniSkipListNative_getNodeFileMinorVer;
+inline auto* const getNodeFileNumber =
     Java_stor_device_skiplist_JniSkipListNative_getNodeFileNumber;
-inline constexpr auto getNodeFileBuff = Java_stor_device_skiplist_JniSkipListNative_getNodeFileBuff;
-inline constexpr auto getValidLen = Java_stor_device_skiplist_JniSkipListNative_getSkipListValidLen;
-inline constexpr auto getRawLen = Java_stor_device_skiplist_JniSkipListNative_getSkipLIstRawLen;
-inline constexpr auto getRawCount = Java_stor_device_skiplist_JniSkipListNative_getSkipListRawCount;
-inline constexpr auto getSize = Java_stor_device_skiplist_JniSkipListNative_getSkipListSize;
-inline constexpr auto getStats = Java_stor_device_skiplist_JniSkipListNative_getStats;
-inline constexpr auto getNodes = Java_stor_device_skiplist_JniSkipListNative_getNodes;
-inline constexpr auto getAllNodes = Java_stor_device_skiplist_JniSkipListNative_getAllNodes;
+inline auto* const getNodeFileBuff = Java_stor_device_skiplist_JniSkipListNative_getNodeFileBuff;
+inline auto* const getValidLen = Java_stor_device_skiplist_JniSkipListNative_getSkipListValidLen;
+inline auto* const getRawLen = Java_stor_device_skiplist_JniSkipListNative_getSkipLIstRawLen;
+inline auto* const getRawCount = Java_stor_device_skiplist_JniSkipListNative_getSkipListRawCount;
+inline auto* const getSize = Java_stor_device_skiplist_JniSkipListNative_getSkipListSize;
+inline auto* const getStats = Java_stor_device_skiplist_JniSkipListNative_getStats;
+inline auto* const getNodes = Java_stor_device_skiplist_JniSkipListNative_getNodes;
+inline auto* const getAllNodes = Java_stor_device_skiplist_JniSkipListNative_getAllNodes;
 
 }  // namespace native

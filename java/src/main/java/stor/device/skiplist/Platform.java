@@ -36,6 +36,9 @@ record Platform(String name, String libcFile) {
 
     /** Names the C library, with its version if that can be told. */
     String libc() {
+        if (libcFile.isEmpty()) {
+            return "an unknown C library";
+        }
         return isMusl(libcFile) ? "musl" : "glibc " + glibcVersion();
     }
 

@@ -209,6 +209,15 @@ class ChildJvmTest {
 
     @ParameterizedTest
     @CsvSource({
+        "'', an unknown C library",
+        "/lib/ld-musl-x86_64.so.1, musl",
+        "/missing/libc.so.6, glibc of unknown version"})
+    void aCLibraryIsNamedByItsFile(String file, String expected) {
+        assertEquals(expected, new Platform("linux-x86_64", file).libc());
+    }
+
+    @ParameterizedTest
+    @CsvSource({
         "failed to map segment from shared object, linux-x86_64, noexec",
         "version `GLIBC_2.36' not found, linux-x86_64, older",
         "Error relocating, linux-x86_64-musl, musl"})
