@@ -14,9 +14,11 @@ exported=$(readelf --wide --dyn-syms "$library" |
 count=$(grep -c '^Java_stor_device_skiplist_JniSkipListNative_[A-Za-z]*$' <<<"$exported")
 others=$(grep -v '^Java_stor_device_skiplist_JniSkipListNative_' <<<"$exported" || true)
 needed=$(readelf --wide --dynamic "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | sort)
-# Lines "VERSION NAME", the newest last.
-imported=$(readelf --wide --dyn-syms "$library" |
-    sed -nE 's/.* UND ([^@ ]+)@GLIBC_([0-9.]+).*/\2 \1/p' | sort --version-sort)
+# Lines "VERSION NAME", the newest last: of names, and of what linkers do by themselves.
+imported=$({
+    readelf --wide --dyn-syms "$library" | sed -nE 's/.* UND ([^@ ]+)@GLIBC_([0-9.]+).*/\2 \1/p'
+    readelf --wide --version-info "$library" | sed -nE 's/.*Name: GLIBC_(ABI\w+).*/\1 \1/p'
+} | sort --version-sort)
 newest=${imported##*$'\n'}
 too_new=$(awk -v oldest="$oldest_glibc" '
     { split($1, version, "."); split(oldest, bound, ".") }
