@@ -57,3 +57,15 @@ inside() {
         unset shared
         exec chroot "$root" "$@"' - "$root" "$@"
 }
+
+# make_java NAME JVM: makes $chroots/NAME-java, which runs that system's JVM on this checkout's files.
+make_java() {
+    cat >"$chroots/$1-java" <<END
+#!/usr/bin/env bash
+cd '$PWD'
+. scripts/chroot.sh
+shared="$PWD:$PWD /usr/share/java:usr/share/java"
+inside $1 $2 "\$@"
+END
+    chmod +x "$chroots/$1-java"
+}
