@@ -9,8 +9,8 @@ import java.lang.reflect.Field;
 
 /**
  * Reads native memory by its address, with what the running JVM has for it and prints no warning
- * about: the foreign-memory interface where this module may use native code by now, as it may on
- * every JVM that warns of the other way; otherwise, and on all JVMs before that interface, the
+ * about: the foreign-memory interface where this module may use native code, as it may once the
+ * library is loaded on every JVM that warns of the other way; otherwise, and on all JVMs before that interface, the
  * unsafe way. A JVM that has neither reads nothing here.
  *
  * <p>Nothing checks an address. Whoever reads sees to it that the memory is there, and that nobody
@@ -74,12 +74,10 @@ final class MemoryReader {
     private static Reads find() {
         int version = Runtime.version().feature();
         try {
-            if (version >= FIRST_WITH_SEGMENTS && isNativeAccessEnabled()) {
-                return bySegment();
-            }
-            if (version < FIRST_TO_WARN_OF_UNSAFE) {
-                return byUnsafe();
-            }
+            // A JVM that warns of the unsafe way has let this module load the library.
+            return version >= FIRST_TO_WARN_OF_UNSAFE
+                    || version >= FIRST_WITH_SEGMENTS && isNativeAccessEnabled()
+                    ? bySegment() : byUnsafe();
         } catch (Exception | Error e) {
             // This JVM, or an image made ahead of time, is without it.
         }

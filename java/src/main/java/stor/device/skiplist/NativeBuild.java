@@ -1,9 +1,19 @@
 package stor.device.skiplist;
 
+import java.io.ByteArrayInputStream;
 import java.io.IOException;
 import java.io.InputStream;
+import java.net.JarURLConnection;
+import java.net.URL;
+import java.net.URLConnection;
+import java.nio.ByteBuffer;
+import java.nio.ByteOrder;
 import java.nio.charset.StandardCharsets;
+import java.util.Arrays;
+import java.util.List;
 import java.util.Properties;
+import java.util.jar.JarEntry;
+import java.util.zip.CRC32;
 
 /**
  * What the jar says of its native libraries, which the build writes into it.
@@ -16,6 +26,10 @@ record NativeBuild(String version, String platforms, String glibc) {
     private static final String FILE = "native/build.properties";
     /** What stands before the version in the file of a library. */
     private static final String MARK = "skiplist-native version ";
+    /** How a 64-bit ELF file of the byte order that all our platforms have begins. */
+    private static final byte[] ELF = {0x7F, 'E', 'L', 'F', 2, 1};
+    private static final int ELF_HEADER = 64;
+    private static final int ELF_SECTION = 64;
 
     /**
      * Reads it.
@@ -24,12 +38,12 @@ record NativeBuild(String version, String platforms, String glibc) {
      */
     static NativeBuild ofJar() {
         Properties properties = new Properties();
-        try (InputStream file = NativeBuild.class.getResourceAsStream(FILE)) {
-            if (file == null) {
-                throw new IOException("no such file");
+        try {
+            properties.load(new ByteArrayInputStream(resource(FILE)));
+            if (!properties.keySet().containsAll(List.of("version", "platforms", "glibc"))) {
+                throw new IOException("not all is in it that should be");
             }
-            properties.load(file);
-        } catch (IOException | IllegalArgumentException e) {
+        } catch (IOException | RuntimeException e) {
             throw new UnsatisfiedLinkError("load native library: " + FILE
                     + " beside the classes of " + NativeBuild.class.getPackageName() + ": " + e);
         }
@@ -38,12 +52,45 @@ record NativeBuild(String version, String platforms, String glibc) {
     }
 
     /**
-     * Checks that a library is of the jar's version.
+     * Reads a file that lies beside the classes.
+     *
+     * @throws IOException if it is not there, cannot be read, or is not what was put into the jar
+     */
+    static byte[] resource(String name) throws IOException {
+        URL place = NativeBuild.class.getResource(name);
+        if (place == null) {
+            throw new IOException("no such file in the jar");
+        }
+        URLConnection connection = place.openConnection();
+        // Class loaders share what is kept open of a jar, and any of them may close it.
+        connection.setUseCaches(false);
+        byte[] contents;
+        JarEntry entry;
+        try (InputStream file = connection.getInputStream()) {
+            entry = connection instanceof JarURLConnection jar ? jar.getJarEntry() : null;
+            contents = file.readAllBytes();
+        } catch (IOException e) {
+            throw new IOException("cannot read it from the jar: " + e, e);
+        }
+        // What unpacks it does not compare the checksum.
+        CRC32 sum = new CRC32();
+        sum.update(contents);
+        if (entry != null && entry.getCrc() >= 0 && entry.getCrc() != sum.getValue()) {
+            throw new IOException("the jar is damaged: this file's checksum is "
+                    + Long.toHexString(sum.getValue()) + " (expected: "
+                    + Long.toHexString(entry.getCrc()) + ")");
+        }
+        return contents;
+    }
+
+    /**
+     * Checks that a library is whole, and of the jar's version.
      *
      * @param library the contents of its file
-     * @throws IOException if it is of another version, or of none
+     * @throws IOException if it is damaged, of another version, or of none
      */
     void check(byte[] library) throws IOException {
+        requireWhole(library);
         String contents = new String(library, StandardCharsets.ISO_8859_1);
         int mark = contents.indexOf(MARK);
         if (mark < 0) {
@@ -56,6 +103,26 @@ record NativeBuild(String version, String platforms, String glibc) {
         if (!found.equals(version)) {
             throw new IOException("the library is of version " + found + ", the jar of version "
                     + version + "; use both of one version");
+        }
+    }
+
+    /**
+     * Checks that an ELF file has its end, and that nothing before has grown or shrunk: what a JVM
+     * maps of a file that is cut ends it. Linkers write a table of sections last, its first entry
+     * empty.
+     */
+    private static void requireWhole(byte[] library) throws IOException {
+        if (library.length < ELF_HEADER || !Arrays.equals(ELF, Arrays.copyOf(library, ELF.length))) {
+            return;
+        }
+        ByteBuffer header = ByteBuffer.wrap(library).order(ByteOrder.LITTLE_ENDIAN);
+        long sections = header.getLong(40);
+        long end = sections + (long) ELF_SECTION * header.getShort(60);
+        if (sections < ELF_HEADER || end <= sections || end > library.length
+                || header.slice((int) sections, ELF_SECTION).mismatch(
+                        ByteBuffer.allocate(ELF_SECTION)) >= 0) {
+            throw new IOException("the file is damaged: it has " + library.length
+                    + " bytes, and no table of sections at " + sections + " to " + end);
         }
     }
 }

@@ -2,7 +2,7 @@ package stor.device.skiplist;
 
 import java.io.File;
 import java.io.IOException;
-import java.io.InputStream;
+import java.nio.file.AccessDeniedException;
 import java.nio.file.Files;
 import java.nio.file.NoSuchFileException;
 import java.nio.file.Path;
@@ -25,6 +25,8 @@ final class NativeLoader {
 
     private static final String FILE_NAME = "libskiplistjni.so";
 
+    private static boolean loaded;
+
     private final NativeBuild build = NativeBuild.ofJar();
     private final Platform platform = Platform.current();
     private final List<String> report = new ArrayList<>();
@@ -39,15 +41,20 @@ final class NativeLoader {
     }
 
     /**
-     * Loads the library.
+     * Loads the library, unless it is loaded. What failed for want of threads, files or stack may
+     * succeed the next time; a class that failed to initialise would be lost for good.
      *
      * @throws UnsatisfiedLinkError if no place has it, with the reason of each
      */
-    static void load() {
+    static synchronized void load() {
+        if (loaded) {
+            return;
+        }
         NativeLoader loader = new NativeLoader();
         if (!loader.succeeds()) {
             throw loader.failure();
         }
+        loaded = true;
     }
 
     private boolean succeeds() {
@@ -71,27 +78,33 @@ final class NativeLoader {
             attempt.run();
             return true;
         } catch (IOException | UnsatisfiedLinkError | RuntimeException e) {
-            // NoSuchFileException says which file, and nothing else.
-            String reason = e instanceof NoSuchFileException ? "no such file" : e.getMessage();
-            report.add(place + ": " + reason + advice(e, platform));
+            report.add(place + ": " + reason(e) + advice(e, platform));
             failures.add(e);
             return false;
         }
     }
 
+    private static String reason(Throwable failure) {
+        // These say which file, and nothing else.
+        if (failure instanceof NoSuchFileException) {
+            return "no such file";
+        }
+        return failure instanceof AccessDeniedException ? "access denied" : failure.getMessage();
+    }
+
     private void loadFile(Path file) throws IOException {
+        if (!file.isAbsolute()) {
+            throw new IOException("not an absolute path");
+        }
+        if (Files.exists(file) && !Files.isRegularFile(file)) {
+            throw new IOException("not a regular file");
+        }
         build.check(Files.readAllBytes(file));
         System.load(file.toString());
     }
 
     private void loadPackaged(String resource, Path folder) throws IOException {
-        byte[] library;
-        try (InputStream packaged = NativeLoader.class.getResourceAsStream(resource)) {
-            if (packaged == null) {
-                throw new IOException("no such file in the jar");
-            }
-            library = packaged.readAllBytes();
-        }
+        byte[] library = NativeBuild.resource(resource);
         build.check(library);
         Path copy = copy(library, folder);
         try {
@@ -135,8 +148,9 @@ final class NativeLoader {
             return "; is the folder mounted noexec? Name another with " + FOLDER_PROPERTY;
         }
         if (message.contains("already loaded in another classloader")) {
-            return "; leave " + LIBRARY_PROPERTY
-                    + " unset, so that each class loader loads a copy of its own";
+            return System.getProperty(LIBRARY_PROPERTY) == null ? ""
+                    : "; leave " + LIBRARY_PROPERTY
+                            + " unset, so that each class loader loads a copy of its own";
         }
         if (message.contains("GLIBC_")) {
             return "; this system's C library is older than the library needs";

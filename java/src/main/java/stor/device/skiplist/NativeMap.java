@@ -14,7 +14,6 @@ import java.util.concurrent.atomic.AtomicLong;
 final class NativeMap implements Runnable {
     private static final String LEVEL_PROPERTY = "skiplist.leakDetection";
     private static final int SAMPLING_INTERVAL = 64;
-    private static final Logger LOGGER = System.getLogger(OffHeapRangeMap.class.getName());
     private static final LeakDetection DETECTION = level();
     private static final AtomicInteger CREATED = new AtomicInteger();
     private static final AtomicLong OPEN = new AtomicLong();
@@ -105,11 +104,16 @@ final class NativeMap implements Runnable {
         String found = name + " was never closed; its native memory and its buffers were given back"
                 + " when it was garbage collected";
         if (creationSite == null) {
-            LOGGER.log(Level.WARNING, found + " (set " + LEVEL_PROPERTY
+            logger().log(Level.WARNING, found + " (set " + LEVEL_PROPERTY
                     + "=always to see where it was created)");
         } else {
-            LOGGER.log(Level.WARNING, found, creationSite);
+            logger().log(Level.WARNING, found, creationSite);
         }
+    }
+
+    /** Asked for when there is something to say: not every JVM has one. */
+    private static Logger logger() {
+        return System.getLogger(OffHeapRangeMap.class.getName());
     }
 
     private static LeakDetection level() {
@@ -117,7 +121,7 @@ final class NativeMap implements Runnable {
         try {
             return LeakDetection.valueOf(value.toUpperCase(Locale.ROOT));
         } catch (IllegalArgumentException e) {
-            LOGGER.log(Level.WARNING, LEVEL_PROPERTY + ": " + value
+            logger().log(Level.WARNING, LEVEL_PROPERTY + ": " + value
                     + " (expected: off, sampled or always); using sampled");
             return LeakDetection.SAMPLED;
         }

@@ -59,6 +59,8 @@ public final class NativeMemory {
         if (bytes <= 0) {
             throw Arguments.illegal("setLimit", "bytes: " + bytes, "> 0");
         }
+        StackReserve.require();
+        NativeLoader.load();
         // Looks at a map of its own, which this limit might refuse.
         JniSkipListNative.tryTest();
         NativeLayout.decide();
@@ -73,7 +75,13 @@ public final class NativeMemory {
      * @return the number of bytes as of the last sweep, which this call makes if the last one is
      *     more than 5 seconds ago
      */
-    public static synchronized long bytesInUse() {
+    public static long bytesInUse() {
+        StackReserve.require();
+        NativeLoader.load();
+        return readBytesInUse();
+    }
+
+    private static synchronized long readBytesInUse() {
         long bytes = JniSkipListNative.getStats()[BYTES_IN_USE];
         if (!swept || millisSinceSweep() > SWEEP_INTERVAL_MILLIS) {
             swept = true;
@@ -138,7 +146,7 @@ public final class NativeMemory {
         long now = System.nanoTime();
         long asked = ASKED_AT_NANOS.get();
         if (now - asked >= ASK_INTERVAL_NANOS && ASKED_AT_NANOS.compareAndSet(asked, now)) {
-            bytesInUse();
+            readBytesInUse();
         }
     }
 }

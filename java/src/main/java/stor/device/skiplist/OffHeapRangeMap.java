@@ -101,9 +101,8 @@ import stor.device.skiplist.MapGuard.Access;
  * <p>A search takes time in proportion to the logarithm of the number of ranges, a walk to the
  * ranges walked over, a change to the ranges replaced and a search. Queries read native memory in
  * place, with no call out of Java, where the JVM allows that without a warning: Java 17 to 23 do, if
- * they have the module {@code jdk.unsupported}, which programs on the class path always have; later
- * ones if this module may use native code ({@code --enable-native-access}), or has been warned of
- * for it. Elsewhere, and with the system property {@code skiplist.readInPlace} set to
+ * they have the module {@code jdk.unsupported}, as all have for programs on the class path but
+ * those made smaller; later ones do once they have let the library be loaded. Elsewhere, and with the system property {@code skiplist.readInPlace} set to
  * {@code false}, they call the library, with the same results; {@link #floor}, {@link #lower},
  * {@link #last} and {@link #remove} then take up to 64 searches.
  *
@@ -133,8 +132,10 @@ public final class OffHeapRangeMap implements AutoCloseable {
     public static final int MAX_SECTOR_SIZE = 1 << 30;
 
     private static final int LONGEST = Integer.MAX_VALUE;
-    private static final Cleaner CLEANER = Cleaner.create();
     private static final AtomicLong CREATED = new AtomicLong();
+
+    // Under the lock of the class.
+    private static Cleaner cleaner;
 
     private final long id = CREATED.incrementAndGet();
     private final int sectorSize;
@@ -154,7 +155,7 @@ public final class OffHeapRangeMap implements AutoCloseable {
         nativeMap = new NativeMap(height, sectorSize, toString());
         guard = new MapGuard(toString(), id);
         // The guard, not the map: whoever is inside keeps it.
-        cleanable = CLEANER.register(guard, nativeMap);
+        cleanable = cleaner().register(guard, nativeMap);
         NativeMemory.sweepIfDue();
         nativeMap.open();
     }
@@ -194,7 +195,16 @@ public final class OffHeapRangeMap implements AutoCloseable {
         Arguments.within(operation, "height", height, 1, MAX_HEIGHT);
         Arguments.within(operation, "sectorSize", sectorSize, 1, MAX_SECTOR_SIZE);
         StackReserve.require();
+        NativeLoader.load();
         return new OffHeapRangeMap(height, sectorSize, aligned);
+    }
+
+    /** Gives what frees lost maps: it has a thread, which the system may refuse for a while. */
+    private static synchronized Cleaner cleaner() {
+        if (cleaner == null) {
+            cleaner = Cleaner.create();
+        }
+        return cleaner;
     }
 
     /**

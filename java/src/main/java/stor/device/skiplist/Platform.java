@@ -68,7 +68,7 @@ record Platform(String name, String libcFile) {
         try (Stream<String> mapped = Files.lines(MAPPED_FILES, StandardCharsets.ISO_8859_1)) {
             return mapped.filter(line -> MUSL.matcher(line).find() || GLIBC.matcher(line).find())
                     .map(line -> line.substring(line.indexOf('/'))).findFirst().orElse("");
-        } catch (IOException | UncheckedIOException e) {
+        } catch (IOException | UncheckedIOException | SecurityException e) {
             return "";
         }
     }
@@ -78,7 +78,7 @@ record Platform(String name, String libcFile) {
             Matcher version = GLIBC_VERSION.matcher(
                     Files.readString(Path.of(libcFile), StandardCharsets.ISO_8859_1));
             return version.find() ? version.group(1) : UNKNOWN_VERSION;
-        } catch (IOException | InvalidPathException e) {
+        } catch (IOException | InvalidPathException | SecurityException e) {
             return UNKNOWN_VERSION;
         }
     }

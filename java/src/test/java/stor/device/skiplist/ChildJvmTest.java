@@ -21,13 +21,18 @@ import java.nio.channels.FileChannel;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.ArrayDeque;
 import java.util.ArrayList;
 import java.util.Arrays;
-import java.util.Deque;
+import java.util.Collections;
 import java.util.List;
+import java.util.Queue;
 import java.util.Random;
+import java.util.concurrent.Callable;
+import java.util.concurrent.ConcurrentLinkedQueue;
 import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.ExecutorService;
+import java.util.concurrent.Executors;
+import java.util.concurrent.Future;
 import java.util.jar.Attributes;
 import java.util.jar.JarFile;
 import java.util.stream.Stream;
@@ -89,6 +94,15 @@ class ChildJvmTest {
                         + anotherLibrary(), "this file is no skiplist-native library"),
                 loading(1, List.of("-D" + PROPERTY + "=" + libraryOfVersion("9.8.7")),
                         "the library is of version 9.8.7, the jar of version " + VERSION),
+                loading(1, List.of("-D" + PROPERTY + "=" + cutLibrary()),
+                        "the file is damaged: it has "),
+                loading(1, List.of("-D" + PROPERTY + "=lib.so"), "lib.so (property " + PROPERTY
+                        + "): not an absolute path"),
+                loading(1, List.of("-D" + PROPERTY + "=/"), "/ (property " + PROPERTY
+                        + "): not a regular file"),
+                new Child(1, List.of("-cp", damagedJar() + File.pathSeparator + CLASS_PATH,
+                        Loader.class.getName()),
+                        List.of("the jar is damaged: this file's checksum is ")),
                 loading(1, List.of("-Dmapped=true", "-D" + PROPERTY + "=/missing.so"),
                         " with glibc 2."),
                 loading(0, List.of("-Dagain=200", tmpdir), "loaded: 0\nagain: 200, left: 1\n"),
@@ -130,6 +144,23 @@ class ChildJvmTest {
 
     private static Path anotherLibrary() {
         return Path.of(System.getProperty("java.home"), "lib", "libzip.so");
+    }
+
+    private static Path cutLibrary() throws IOException {
+        byte[] library = Files.readAllBytes(LIBRARY);
+        return Files.write(otherFolder.resolve("cut.so"),
+                Arrays.copyOf(library, library.length - 1));
+    }
+
+    /** A jar whose library is not what its checksum says. */
+    private static Path damagedJar() throws IOException {
+        StringBuilder jar = new StringBuilder(
+                Files.readString(Path.of(Loader.jar()), StandardCharsets.ISO_8859_1));
+        // In the directory at the end, some bytes before the name.
+        int sum = jar.lastIndexOf("stor/device/skiplist/native/" + Platform.current().name()) - 30;
+        jar.setCharAt(sum, (char) (jar.charAt(sum) ^ 1));
+        return Files.writeString(otherFolder.resolve("damaged.jar"), jar,
+                StandardCharsets.ISO_8859_1);
     }
 
     private static Path libraryOfVersion(String version) throws IOException {
@@ -238,7 +269,8 @@ class ChildJvmTest {
 
     /**
      * Loads the library, as properties say: beside a mapped file whose name is a byte that stands for
-     * no character, and once more in each of so many class loaders, of which 50 are alive at once.
+     * no character, and once more in each of so many class loaders, in several threads at a time; 50
+     * class loaders are alive at once, and the others closed.
      */
     static final class Loader {
         private static final int ALIVE = 50;
@@ -251,12 +283,20 @@ class ChildJvmTest {
             System.out.println("loaded: " + JniSkipListNative.tryTest());
             int again = Integer.getInteger("again", 0);
             if (again > 0) {
-                Deque<URLClassLoader> alive = new ArrayDeque<>();
-                for (int i = 0; i < again; i++) {
+                Queue<URLClassLoader> alive = new ConcurrentLinkedQueue<>();
+                ExecutorService threads = Executors.newFixedThreadPool(8);
+                Callable<Void> load = () -> {
                     alive.add(loadAgain());
                     if (alive.size() > ALIVE) {
                         alive.remove().close();
                     }
+                    return null;
+                };
+                List<Future<Void>> ends =
+                        threads.invokeAll(Collections.nCopies(again, load));
+                threads.shutdown();
+                for (Future<Void> end : ends) {
+                    end.get();
                 }
                 alive.clear();
                 System.out.println("again: " + again + ", left: " + copiesLeft());
