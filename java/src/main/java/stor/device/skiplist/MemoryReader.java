@@ -10,8 +10,8 @@ import java.lang.reflect.Field;
 /**
  * Reads native memory by its address, with what the running JVM has for it and prints no warning
  * about: the foreign-memory interface where this module may use native code, as it may once the
- * library is loaded on every JVM that warns of the other way; otherwise, and on all JVMs before that interface, the
- * unsafe way. A JVM that has neither reads nothing here.
+ * library is loaded on every JVM that warns of the other way; otherwise, and on all JVMs before
+ * that interface, the unsafe way. A JVM that has neither reads nothing here.
  *
  * <p>Nothing checks an address. Whoever reads sees to it that the memory is there, and that nobody
  * writes to it meanwhile.

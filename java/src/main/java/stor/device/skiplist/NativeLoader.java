@@ -14,7 +14,8 @@ import java.util.stream.Stream;
 /**
  * Finds and loads the native library: the file that a property names, and no other; otherwise the
  * one inside the jar, through a copy that is deleted as soon as it is loaded; otherwise whatever
- * {@code java.library.path} has. A library of another version than the jar is not loaded.
+ * {@code java.library.path} has. A library that is damaged, or of another version than the jar, is
+ * not loaded.
  *
  * <p>A copy of its own is also what lets each class loader load the library: the JVM gives a file
  * to one class loader only. Each then has its own memory limit and statistics.

@@ -102,9 +102,10 @@ import stor.device.skiplist.MapGuard.Access;
  * ranges walked over, a change to the ranges replaced and a search. Queries read native memory in
  * place, with no call out of Java, where the JVM allows that without a warning: Java 17 to 23 do, if
  * they have the module {@code jdk.unsupported}, as all have for programs on the class path but
- * those made smaller; later ones do once they have let the library be loaded. Elsewhere, and with the system property {@code skiplist.readInPlace} set to
- * {@code false}, they call the library, with the same results; {@link #floor}, {@link #lower},
- * {@link #last} and {@link #remove} then take up to 64 searches.
+ * those made smaller; later ones do once they have let the library be loaded. Elsewhere, and with
+ * the system property {@code skiplist.readInPlace} set to {@code false}, they call the library, with
+ * the same results; {@link #floor}, {@link #lower}, {@link #last} and {@link #remove} then take up
+ * to 64 searches.
  *
  * <h2>Failure</h2>
  *
