@@ -80,6 +80,9 @@ add_custom_target(skiplist-documents ALL DEPENDS ${sources_jar} ${javadoc_jar})
 
 # A folder that Maven and Gradle take as a repository. They warn where checksums are missing.
 include(GNUInstallDirs)
+# For all to read, whatever the mask of who installs.
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
+  GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(repository ${CMAKE_INSTALL_DATADIR}/maven-repo/stor/device/skiplist-native/${version})
 install(FILES ${jar} DESTINATION ${repository} RENAME ${name}.jar)
 install(FILES ${sources_jar} ${javadoc_jar} ${CMAKE_CURRENT_BINARY_DIR}/${name}.pom
@@ -91,11 +94,15 @@ install(CODE "
     foreach(algorithm IN ITEMS MD5 SHA1)
       string(TOLOWER \${algorithm} suffix)
       file(\${algorithm} \"\${repository}/\${file}\" checksum)
-      file(WRITE \"\${repository}/\${file}.\${suffix}\" \${checksum})
+      set(checksum_file \"\${repository}/\${file}.\${suffix}\")
+      file(WRITE \"\${checksum_file}\" \${checksum})
+      file(CHMOD \"\${checksum_file}\" PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
     endforeach()
   endforeach()")
 install(FILES $<TARGET_FILE:skiplistjni> DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+  ${PROJECT_SOURCE_DIR}/CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/data/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/data)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 set(CPACK_GENERATOR TGZ)

@@ -20,6 +20,11 @@ public final class TraceReplay {
     private static final int STOPPED = 130;
 
     private static final int PROGRESS_REQUESTS = 64;
+    /**
+     * With less room than this, what goes wrong is laid to that: where a file system writes to a new
+     * place what changes in a mapped file, its end shows as an error in the middle of anything.
+     */
+    private static final long ALMOST_FULL = 16 << 20;
 
     private final ReplayOptions options;
     private final PrintStream out;
@@ -49,6 +54,10 @@ public final class TraceReplay {
      */
     public static void main(String[] args) {
         int status = run(args, System.out, System.err);
+        if (status == RIGHT && System.out.checkError()) {
+            System.err.println("replay: the standard output cannot be written");
+            status = UNUSABLE;
+        }
         if (status != STOPPED) {
             System.exit(status);
         }
@@ -162,19 +171,26 @@ public final class TraceReplay {
             failure = "Stopped on request after " + count(replay.requests()) + ".";
             return STOPPED;
         } catch (IOException | OutOfMemoryError e) {
-            failure = "Ended after " + count(replay.requests()) + ": " + reason(e)
-                    + advice(e);
-            progress.finish();
-            err.println("replay: " + failure);
-            return UNUSABLE;
-        } catch (RuntimeException e) {
-            failure = String.format(Locale.ROOT, "Seed %d, request %d, %s: %s", options.seed(),
-                    requestNumber, request,
-                    e instanceof Difference ? e.getMessage() : e.toString());
-            progress.finish();
-            err.println("replay: " + failure);
-            return WRONG;
+            return fail(UNUSABLE, "Ended after " + count(replay.requests()) + ": " + reason(e)
+                    + advice(e));
+        } catch (RuntimeException | InternalError e) {
+            long room = options.folder().toFile().getUsableSpace();
+            if (!(e instanceof Difference) && room < ALMOST_FULL) {
+                return fail(UNUSABLE, "Ended after " + count(replay.requests()) + ": " + reason(e)
+                        + "; " + options.folder() + " has room for " + room
+                        + " bytes: --folder names another place");
+            }
+            return fail(WRONG, String.format(Locale.ROOT, "Seed %d, request %d, %s: %s",
+                    options.seed(), requestNumber, request,
+                    e instanceof Difference ? e.getMessage() : e.toString()));
         }
+    }
+
+    private int fail(int status, String reason) {
+        failure = reason;
+        progress.finish();
+        err.println("replay: " + failure);
+        return status;
     }
 
     private void replayAll(Replay replay, RequestStream first) throws IOException {
