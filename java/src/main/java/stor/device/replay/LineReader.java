@@ -95,16 +95,32 @@ final class LineReader implements AutoCloseable {
     }
 
     private static InputStream unpack(CountedInput file) throws IOException {
-        file.mark(2);
-        int magic = file.read() << Byte.SIZE | file.read();
+        file.mark(3);
+        int magic = (file.read() & 0xFF) << 16 | (file.read() & 0xFF) << 8 | file.read() & 0xFF;
         file.reset();
-        if (magic != GZIP_MAGIC) {
+        if (magic >> 8 != GZIP_MAGIC) {
+            refuse(magic);
             return file;
         }
         try {
             return new GZIPInputStream(file, BUFFER_BYTES);
         } catch (EOFException e) {
             throw new IOException("the compressed data end too early: the file was cut", e);
+        }
+    }
+
+    /** Names what else traces are found compressed with. */
+    private static void refuse(int magic) throws IOException {
+        String program = switch (magic) {
+            case 0xFD377A -> "xz";
+            case 0x28B52F -> "zstd";
+            case 0x425A68 -> "bzip2";
+            case 0x04224D -> "lz4";
+            default -> null;
+        };
+        if (program != null) {
+            throw new IOException("compressed with " + program + " (expected: plain or gzip; " + program
+                    + " -dc FILE | ./run - unpacks it)");
         }
     }
 

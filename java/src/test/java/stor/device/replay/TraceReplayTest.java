@@ -43,6 +43,7 @@ class TraceReplayTest {
         write("later", "1 W 0 512\n2000001 R 0 512\n");
         write("bad", "9 W 0 512\nx\n1 W 512 512\n5 R 0 1024\n");
         Files.write(folder.resolve("cut.gz"), Arrays.copyOf(gzip("1 W 0 512\n".repeat(9000)), 70));
+        Files.write(folder.resolve("packed"), new byte[] {0x28, (byte) 0xB5, 0x2F, (byte) 0xFD, 4});
         Files.createDirectory(folder.resolve("folder"));
         Files.createSymbolicLink(folder.resolve("link"), folder.resolve("ok"));
     }
@@ -70,6 +71,7 @@ class TraceReplayTest {
         "--folder @missing @ok      | missing: no such folder",
         "@empty                     | empty: no request in it",
         "@head.csv                  | head.csv: no request in it",
+        "@packed                    | compressed with zstd (expected: plain or gzip; zstd -dc FILE",
         "--device b.0 @disks        | no request for device 'b.0' (expected: a.0, a.1)",
         "--from 3 @later            | no request in the window; the trace lasts 2.0 seconds",
         "@text                      | text:2: 'please find attached' (expected: a line of one of",
