@@ -21,12 +21,14 @@ need() {
 
 # make_chroot NAME SUITE MMDEBSTRAP-OPTION...: makes a system anew, of Debian or of Ubuntu.
 make_chroot() {
-    local root=$chroots/$1 suite=$2 pocket sources=()
+    local root=$chroots/$1 suite=$2 keys pocket sources=()
     shift 2
     if [[ $suite =~ ^(bionic|jammy|noble)$ ]]; then
         # Debian has a package with Ubuntu's keys.
-        make_chroot ubuntu-keys trixie --variant=extract --include=ubuntu-archive-keyring
-        set -- "$@" --keyring="$chroots/ubuntu-keys/usr/share/keyrings/ubuntu-archive-keyring.gpg"
+        keys=$chroots/ubuntu-keys/usr/share/keyrings/ubuntu-archive-keyring.gpg
+        [[ -e $keys ]] ||
+            make_chroot ubuntu-keys trixie --variant=extract --include=ubuntu-archive-keyring
+        set -- "$@" --keyring="$keys"
         for pocket in "$suite"{,-updates,-security}; do
             sources+=("deb http://archive.ubuntu.com/ubuntu $pocket main universe")
         done

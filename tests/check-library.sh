@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Reads the library's dynamic section: it must export the native methods and nothing else, need
 # nothing at run time but the C library, of which the loader is a part, and of that nothing newer
-# than the oldest C library that is promised, nor anything that an older one has in another file. And it
-# must be small: what nothing calls is left out.
+# than the oldest C library that is promised, nor anything that an older one has in another file. And
+# it must be small: what nothing calls is left out.
 #   check-library.sh LIBRARY OLDEST_GLIBC
 set -euo pipefail
 library=$1
@@ -24,7 +24,8 @@ too_new=$(awk -v oldest="$oldest_glibc" '
     { split($1, version, "."); split(oldest, bound, ".") }
     version[1] > bound[1] || version[1] == bound[1] && version[2] + 0 > bound[2] + 0' <<<"$imported")
 # Of libpthread, libdl and librt, a part of libc.so.6 since 2.34, these few were there before.
-moved=$(awk '{ print $2 }' <<<"$imported" | grep -E '^_*(pthread_|sem_|dl(addr|close|error|open|sym)|shm_|timer_|mq_|aio_)' |
+moved=$(awk '{ print $2 }' <<<"$imported" |
+    grep -E '^_*(pthread_|sem_|dl(addr|close|error|open|sym)|shm_|timer_|mq_|aio_)' |
     grep -vxE 'pthread_(self|mutex_(lock|unlock)|cond_(broadcast|signal|wait))' || true)
 
 echo "exported native methods: $count; others: ${others:-none}"

@@ -13,7 +13,7 @@
 #include <cstdint>
 
 // The names and their parameters are the C library's.
-// NOLINTBEGIN(readability-inconsistent-*,bugprone-reserved-identifier,cert-dcl*,readability-non-const-parameter)
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl*)
 extern "C" {
 
 // glibc 2.32. Zero always: shared pointers count atomically, as they must in a JVM, which has
@@ -60,4 +60,4 @@ int _dl_find_object(void* address, dl_find_object* result) {
 }
 #endif
 }
-// NOLINTEND(readability-inconsistent-*,bugprone-reserved-identifier,cert-dcl*,readability-non-const-parameter)
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl*)

@@ -7,9 +7,7 @@
 // ships: every glibc has a libpthread.so.0 of its own.
 
 extern "C" {
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl*)
-void __pthread_key_create() {}
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl*)
+void __pthread_key_create() {}  // NOLINT(bugprone-reserved-identifier,cert-dcl*)
 void pthread_key_create() {}
 void pthread_key_delete() {}
 void pthread_once() {}

@@ -16,7 +16,8 @@ import java.util.jar.JarEntry;
 import java.util.zip.CRC32;
 
 /**
- * What the jar says of its native libraries, which the build writes into it.
+ * What the jar says of its native libraries, which the build writes into it; and whether a library
+ * is the one that was built.
  *
  * @param version the version of the jar, and of every library that it may be used with
  * @param platforms the platforms that the jar has a library for
@@ -28,8 +29,11 @@ record NativeBuild(String version, String platforms, String glibc) {
     private static final String MARK = "skiplist-native version ";
     /** How a 64-bit ELF file of the byte order that all our platforms have begins. */
     private static final byte[] ELF = {0x7F, 'E', 'L', 'F', 2, 1};
-    private static final int ELF_HEADER = 64;
-    private static final int ELF_SECTION = 64;
+    private static final int ELF_HEADER_BYTES = 64;
+    private static final int ELF_SECTION_BYTES = 64;
+    /** Where the header says where the table of sections begins, and how many it has. */
+    private static final int ELF_SECTIONS_AT = 40;
+    private static final int ELF_SECTION_COUNT_AT = 60;
 
     /**
      * Reads it.
@@ -112,15 +116,16 @@ record NativeBuild(String version, String platforms, String glibc) {
      * empty.
      */
     private static void requireWhole(byte[] library) throws IOException {
-        if (library.length < ELF_HEADER || !Arrays.equals(ELF, Arrays.copyOf(library, ELF.length))) {
+        if (library.length < ELF_HEADER_BYTES
+                || !Arrays.equals(ELF, Arrays.copyOf(library, ELF.length))) {
             return;
         }
         ByteBuffer header = ByteBuffer.wrap(library).order(ByteOrder.LITTLE_ENDIAN);
-        long sections = header.getLong(40);
-        long end = sections + (long) ELF_SECTION * header.getShort(60);
-        if (sections < ELF_HEADER || end <= sections || end > library.length
-                || header.slice((int) sections, ELF_SECTION).mismatch(
-                        ByteBuffer.allocate(ELF_SECTION)) >= 0) {
+        long sections = header.getLong(ELF_SECTIONS_AT);
+        long end = sections + (long) ELF_SECTION_BYTES * header.getShort(ELF_SECTION_COUNT_AT);
+        if (sections < ELF_HEADER_BYTES || end <= sections || end > library.length
+                || header.slice((int) sections, ELF_SECTION_BYTES).mismatch(
+                        ByteBuffer.allocate(ELF_SECTION_BYTES)) >= 0) {
             throw new IOException("the file is damaged: it has " + library.length
                     + " bytes, and no table of sections at " + sections + " to " + end);
         }
